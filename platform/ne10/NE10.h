@@ -4,15 +4,19 @@
  * provided by platform/ne10_fft_<backend>.cpp on top of KissFFT (default) or FFTW.
  *
  * Contract of this layer:
- *  - ne10_fft_alloc_c2c_float32_neon(n): one heap block per plan holding everything the plan
- *    needs (forward and inverse configurations and any scratch); returns NULL when n < 1 or
- *    memory runs out. Released by one free() (ne10_fft_destroy_c2c_float32 does exactly that).
- *  - ne10_fft_c2c_1d_float32_neon(out, in, cfg, inverse): out-of-place transform of cfg->nfft
- *    points; inverse 0 is the unscaled forward transform X[k] = sum x[t] e^(-2 pi i t k / N),
- *    inverse 1 the inverse scaled by 1/N. Allocates nothing, needs no alignment, and does
- *    nothing when cfg, in or out is NULL. in == out is allowed (the layer copies through its
- *    own scratch), though the filter never does it.
- *  - Plans may be allocated from several threads at once.
+ *  - ne10_fft_alloc_c2c_float32_neon(n): a plan for n points. n must be at least 1 and have no
+ *    prime factor other than 2, 3 and 5 (the sizes a mixed-radix transform handles without
+ *    work memory); any other n, or running out of memory, gives NULL. Plans may be allocated
+ *    and destroyed from several threads at once.
+ *  - ne10_fft_c2c_1d_float32_neon(out, in, cfg, inverse): transform of cfg->nfft points;
+ *    inverse 0 is the unscaled forward transform X[k] = sum x[t] e^(-2 pi i t k / N), any other
+ *    value the inverse scaled by 1/N, so inverse(forward(x)) = x. Allocates nothing, locks
+ *    nothing, needs no alignment, and does nothing when cfg, in or out is NULL. in == out is
+ *    allowed (the layer copies through scratch that the plan owns), though the filter never
+ *    does it. One plan serves one thread at a time: its scratch is not shared safely.
+ *  - ne10_fft_destroy_c2c_float32(cfg) releases everything the plan holds; NULL is ignored.
+ *    With KissFFT (and real Ne10) a plan is one heap block and this is a plain free(); with
+ *    FFTW it also destroys the FFTW plans, so always release plans through this call.
  */
 #ifndef SORN_PLATFORM_NE10_H
 #define SORN_PLATFORM_NE10_H
