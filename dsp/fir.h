@@ -1,10 +1,39 @@
 /*
- * FFT FIR filter: one channel of int32 samples through up to (fft_size - block + 1) taps by
- * overlap-save fast convolution, in single precision, on Ne10's complex FFT. Also the FIR
- * parameter record that carries the taps of both channels, and the sample-rate classes.
+ * FFT FIR filter: one channel of int32 samples through up to (in_offset + 1) taps by
+ * overlap-save fast convolution in single precision on Ne10's complex FFT (N = fft_size
+ * points, blocks of N - in_offset samples). Also the FIR parameter record that carries the
+ * taps of both channels, and the sample-rate classes.
  *
- * Taps are Q23 (8388608 = 1.0), tap 0 multiplies the newest sample. The filter adds no latency.
- * fir_process allocates nothing and never logs; fir_init and fir_update_param allocate.
+ * Taps are Q23 (8388608 = 1.0), tap 0 multiplies the newest sample. The filter adds no latency:
+ * output sample i of a call is the filtered input sample i of that call. Output is truncated
+ * toward zero and saturated to the int32 range (NaN gives 0). in and out of fir_process may be
+ * the same buffer.
+ *
+ * Contract:
+ *  - fir_init allocates the plan and the five arrays (all zeroed, so a filter switched on before
+ *    any fir_update_param outputs silence) and leaves the filter off. If fir is NULL nothing
+ *    happens. If fft_size is not a size the FFT supports (>= 1, factors 2, 3, 5 only) or any
+ *    allocation fails, everything made is released and the filter stays safely off: all
+ *    pointers NULL, status, fft_size and in_offset 0. Its owner detects this by
+ *    fft_cfg == NULL. Such a filter (and one after fir_end) ignores every call.
+ *    fir_init overwrites the record without releasing anything: call fir_end first to reuse it.
+ *  - in_offset is clamped to 0..N-1 (fir_init and fir_set_sample_rate), so a block is never
+ *    empty and never longer than the frame.
+ *  - fir_set_param, fir_get_param, fir_update_param: n is clamped to N (taps beyond N are not
+ *    read, out[N..n-1] is not written); n < 1 stores or copies nothing, and fir_update_param
+ *    with n < 1 makes the spectrum all zeros (silence while on). fir_set_param returns 1 when a
+ *    stored tap changed, else 0 (also for a NULL taps pointer).
+ *  - fir_update_param computes the spectrum in the filter's own work buffers: it allocates
+ *    nothing and cannot fail. It and fir_reset clear the history, so the next block starts from
+ *    silence.
+ *  - fir_process refuses (reads and writes nothing, history stays) when the filter is off,
+ *    unusable, in or out is NULL, or n is outside 1..N - in_offset. The block length must stay
+ *    the same from call to call. More than in_offset + 1 taps wrap around circularly.
+ *  - fir_end releases the plan with ne10_fft_destroy_c2c_float32 and frees the arrays, sets
+ *    every pointer to NULL and status to 0; it does not free the record. NULL is ignored.
+ *  - fir_process and fir_reset allocate nothing, take no lock and never log; no operation logs.
+ *    fir_set_param, fir_update_param and fir_reset must not run at the same time as
+ *    fir_process on the same filter; separate filters share nothing.
  */
 #ifndef SORN_DSP_FIR_H
 #define SORN_DSP_FIR_H
