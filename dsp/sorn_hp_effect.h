@@ -4,15 +4,30 @@
  * compressor, RMS limiter. Also the default FIR table (the design's taps for a flat 0 dB
  * target) and the operation that loads it into a FIR parameter record.
  *
- * sorn_hp_effect_core_process allocates nothing and never logs; every operation but init and
- * earadapt_params_fill_bypass accepts a null chain and then does nothing. `frames` must be the
- * block length of the chain's rate class (220 at 44100 Hz, 240 at the other accepted rates).
+ * A new chain has both FIR filters and the surround off, the compressor on at unity volume with
+ * a two-block look-ahead (so its first two output blocks are silent) and the limiter on.
+ *
+ * Contract
+ *  - sorn_hp_effect_init takes the stream rate and the channel count. Fewer than 2 channels is
+ *    refused with an ERROR line and a null result. If any block cannot be made (a FIR record or
+ *    its buffers, the compressor or either of its channels, the surround, the limiter), init
+ *    frees everything it made and returns null without a message: a chain is either complete
+ *    or absent, never running with a block missing.
+ *  - sorn_hp_effect_core_process allocates nothing, never logs, never blocks. `frames` must be
+ *    the block length of the chain's rate class (220 at 44100 Hz, 240 at the other accepted
+ *    rates); a null plane or frames below 1 leaves the planes and every block untouched.
+ *  - sorn_hp_effect_frc_setparameter recomputes both filters' spectra (it allocates, on the
+ *    command path) and clears their history; reset clears every block's signal history and
+ *    keeps all settings.
+ *  - Every operation but init and earadapt_params_fill_bypass accepts a null chain and then
+ *    does nothing; the record given to frc_setparameter and fill_bypass must be valid.
  */
 #ifndef SORN_DSP_SORN_HP_EFFECT_H
 #define SORN_DSP_SORN_HP_EFFECT_H
 
 #include <stdint.h>
 
+#include "dsp/compressor.h"
 #include "dsp/fir.h"
 #include "platform/sorn_export.h"
 
@@ -21,7 +36,15 @@ SORN_EXTERN_C_BEGIN
 /* The default FIR table: 513 Q23 taps, shared read-only by every instance. */
 extern const int32_t sorn_default_fir_table[ORLA_FIR_TAPS];
 
-typedef struct sorn_hp_effect_s sorn_hp_effect_t;
+typedef struct sorn_hp_effect_s {
+    uint32_t sample_rate;             /* Hz, as given to init */
+    SampleRateType sample_rate_type;  /* 0: 44100, 2: 96000, 3: 192000, 1: any other rate */
+    orla_fir_t *fir_l;                /* owned */
+    orla_fir_t *fir_r;                /* owned */
+    void *surround;                   /* stereo surround handle, owned */
+    compressor_t *compressor;         /* owned */
+    void *limiter;                    /* RMS limiter handle, owned */
+} sorn_hp_effect_t;
 
 SORN_EXPORT void *sorn_hp_effect_init(unsigned int sample_rate, int chnnum);
 SORN_EXPORT void sorn_hp_effect_end(void *chain);

@@ -1,0 +1,158 @@
+/*
+ * Processing chain: creates the blocks with their fixed settings, forwards settings to them and
+ * runs them in a fixed order on one block. See sorn_hp_effect.h for the contract.
+ */
+#include "dsp/sorn_hp_effect.h"
+
+#include <cstdlib>
+
+#include "dsp/rms_limiter.h"
+#include "dsp/sat_math.h"
+#include "dsp/stereo_surround.h"
+#include "platform/sorn_log.h"
+
+namespace {
+
+constexpr int kFftSize = 1024;
+constexpr int kFirOffset = 784;  // 1024 - 240; fir_set_sample_rate sets the rate's own offset
+constexpr int kLookaheadBlocks = 2;
+constexpr int kChainChannels = 2;  // the surround always works on a left and a right plane
+
+SampleRateType rate_type_of(unsigned int sample_rate) {
+    switch (sample_rate) {
+        case 44100: return SAMPLE_RATE_TYPE_44K;
+        case 96000: return SAMPLE_RATE_TYPE_96K;
+        case 192000: return SAMPLE_RATE_TYPE_192K;
+        default: return SAMPLE_RATE_TYPE_48K;
+    }
+}
+
+// A FIR record with every buffer fir_init promises, or null (with nothing left allocated).
+orla_fir_t* make_fir(SampleRateType rate_type) {
+    auto* fir = static_cast<orla_fir_t*>(std::calloc(1, sizeof(orla_fir_t)));
+    if (fir == nullptr) return nullptr;
+    fir_init(fir, kFftSize, kFirOffset);
+    if (fir->fft_cfg == nullptr || fir->param == nullptr || fir->history == nullptr ||
+        fir->filter_spec == nullptr || fir->time_buf == nullptr || fir->freq_buf == nullptr) {
+        fir_end(fir);
+        std::free(fir);
+        return nullptr;
+    }
+    fir_set_sample_rate(fir, rate_type);
+    return fir;
+}
+
+void free_fir(orla_fir_t*& fir) {
+    if (fir == nullptr) return;
+    fir_end(fir);
+    std::free(fir);
+    fir = nullptr;
+}
+
+// The compressor runs from the start at unity volume; null if either channel could not be made.
+compressor_t* make_compressor(SampleRateType rate_type) {
+    auto* comp = static_cast<compressor_t*>(std::calloc(1, sizeof(compressor_t)));
+    if (comp == nullptr) return nullptr;
+    compressor_init(comp, sorn::kQ13One, kLookaheadBlocks);
+    if (comp->drc_left == nullptr || comp->drc_right == nullptr) {
+        compressor_end(comp);
+        std::free(comp);
+        return nullptr;
+    }
+    compressor_set_sample_rate(comp, rate_type);
+    compressor_set_volume(comp, sorn::kQ13One);
+    comp->status = 1;
+    return comp;
+}
+
+void free_compressor(compressor_t*& comp) {
+    if (comp == nullptr) return;
+    compressor_end(comp);
+    std::free(comp);
+    comp = nullptr;
+}
+
+// Releases every block the chain holds (any of them may be missing) and the chain itself.
+void destroy(sorn_hp_effect_t* chain) {
+    rms_limiter_deinit(chain->limiter);
+    chain->limiter = nullptr;
+    free_compressor(chain->compressor);
+    free_fir(chain->fir_l);
+    free_fir(chain->fir_r);
+    stereo_surround_deinit(chain->surround);
+    chain->surround = nullptr;
+    std::free(chain);
+}
+
+}  // namespace
+
+void* sorn_hp_effect_init(unsigned int sample_rate, int chnnum) {
+    if (chnnum < 2) {
+        SORN_LOGE(SORN_LOG_TAG_CORE, "%s: chnnum %d unsupported, need to be stereo", __func__,
+                  chnnum);
+        return nullptr;
+    }
+    auto* chain = static_cast<sorn_hp_effect_t*>(std::calloc(1, sizeof(sorn_hp_effect_t)));
+    if (chain == nullptr) return nullptr;
+    chain->sample_rate = sample_rate;
+    chain->sample_rate_type = rate_type_of(sample_rate);
+
+    chain->fir_l = make_fir(chain->sample_rate_type);
+    chain->fir_r = make_fir(chain->sample_rate_type);
+    chain->surround = stereo_surround_init(static_cast<int>(sample_rate), kChainChannels);
+    chain->compressor = make_compressor(chain->sample_rate_type);
+    chain->limiter = rms_limiter_init(static_cast<int>(sample_rate), chnnum);
+
+    if (chain->fir_l == nullptr || chain->fir_r == nullptr || chain->surround == nullptr ||
+        chain->compressor == nullptr || chain->limiter == nullptr) {
+        destroy(chain);
+        return nullptr;
+    }
+    return chain;
+}
+
+void sorn_hp_effect_end(void* handle) {
+    auto* chain = static_cast<sorn_hp_effect_t*>(handle);
+    if (chain == nullptr) return;
+    destroy(chain);
+}
+
+void sorn_hp_effect_reset(void* handle) {
+    auto* chain = static_cast<sorn_hp_effect_t*>(handle);
+    if (chain == nullptr) return;
+    fir_reset(chain->fir_l);
+    fir_reset(chain->fir_r);
+    stereo_surround_reset(chain->surround);
+    compressor_reset(chain->compressor);
+    rms_limiter_reset(chain->limiter);
+}
+
+void sorn_hp_effect_frc_setparameter(void* handle, orla_earadapt_params_t* params) {
+    auto* chain = static_cast<sorn_hp_effect_t*>(handle);
+    if (chain == nullptr || params == nullptr) return;
+    // Both filters switch together, and their spectra are always recomputed, so a filter never
+    // runs on taps whose spectrum is stale. The update also clears the filters' history.
+    chain->fir_l->status = params->enable;
+    chain->fir_r->status = params->enable;
+    fir_set_param(chain->fir_l, ORLA_FIR_TAPS, params->coef_left);
+    fir_set_param(chain->fir_r, ORLA_FIR_TAPS, params->coef_right);
+    fir_update_param(chain->fir_l, ORLA_FIR_TAPS);
+    fir_update_param(chain->fir_r, ORLA_FIR_TAPS);
+}
+
+void sorn_hp_effect_ss_setparameter(void* handle, int status, int frequency, int depth) {
+    auto* chain = static_cast<sorn_hp_effect_t*>(handle);
+    if (chain == nullptr) return;
+    stereo_surround_set_status(chain->surround, status);
+    stereo_surround_set_parameters(chain->surround, frequency, depth);
+}
+
+void sorn_hp_effect_core_process(void* handle, int* left, int* right, int frames) {
+    auto* chain = static_cast<sorn_hp_effect_t*>(handle);
+    if (chain == nullptr || left == nullptr || right == nullptr || frames < 1) return;
+    fir_process(chain->fir_l, left, left, frames);
+    fir_process(chain->fir_r, right, right, frames);
+    stereo_surround_process(chain->surround, left, right, frames);
+    compressor_process(chain->compressor, left, right, left, right, frames);
+    rms_limiter_process(chain->limiter, left, right, frames);
+}
