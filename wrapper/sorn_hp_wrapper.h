@@ -5,8 +5,31 @@
  * the standby chain during a parameter switch), and returns the block with a fixed latency of
  * block_size - 1 frames. Trips into permanent pass-through when the chain silences audible input.
  *
- * sorn_hp_wrapper_process allocates nothing, takes no lock and logs only the mute trip. Every
- * operation but init accepts a null handle and then does nothing.
+ * Takes: a sample rate, a format type (1: int16; 2 and 4: int32 on the 24-bit scale; 3: int32
+ * with full scale 2^31; anything else is handled like 2 and stored as 0) and a channel count.
+ * Only 2 channels and rates 44050..48050 Hz are processed; any other value leaves the wrapper
+ * in state 0, where every buffer passes untouched.
+ *
+ * States: 0 bypass (never processes), 1 ready (no parameters yet: pass-through without
+ * latency), 2 running, 3 switching (the standby chain warms up for three blocks on the same
+ * input and is cross-faded in during the fourth; then the chains swap and the state is 2 again).
+ *
+ * Guarantees:
+ *  - sorn_hp_wrapper_process allocates nothing, takes no lock, does no I/O and logs only the
+ *    one-off mute trip. Everything it uses is allocated by init.
+ *  - Output frame n carries processed input frame n - (block_size - 1), whatever the callback
+ *    sizes; the first block_size - 1 frames after processing starts are zeros. Neither reset nor
+ *    a parameter change moves this phase. The chain's own look-ahead (two blocks) comes on top.
+ *  - A size that is not a whole number of frames: the whole frames are processed and the
+ *    trailing bytes are left exactly as they were (also by the format conversions).
+ *  - Every operation but init accepts a null handle and then does nothing. init returns null
+ *    only when the record itself cannot be allocated; any other failure gives state 0.
+ *  - A negative sample rate counts as outside the accepted range (compared as unsigned) and is
+ *    printed as its unsigned 32-bit value in the refusal line.
+ *
+ * Never: runs set-parameters, reset or deinit concurrently with process on the same handle
+ * (the caller serialises them); shares state between wrappers except the read-only default
+ * FIR table.
  */
 #ifndef SORN_WRAPPER_SORN_HP_WRAPPER_H
 #define SORN_WRAPPER_SORN_HP_WRAPPER_H
