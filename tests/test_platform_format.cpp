@@ -1,0 +1,206 @@
+// Sample format conversions: every supported pair at its limits, in place and out of place,
+// NaN and infinities, and the pairs that must leave the destination alone.
+
+#include <audio_utils/format.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <initializer_list>
+#include <limits>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+constexpr audio_format_t F16 = AUDIO_FORMAT_PCM_16_BIT;
+constexpr audio_format_t F8 = AUDIO_FORMAT_PCM_8_BIT;
+constexpr audio_format_t F32 = AUDIO_FORMAT_PCM_32_BIT;
+constexpr audio_format_t Q824 = AUDIO_FORMAT_PCM_8_24_BIT;
+constexpr audio_format_t FLT = AUDIO_FORMAT_PCM_FLOAT;
+constexpr audio_format_t P24 = AUDIO_FORMAT_PCM_24_BIT_PACKED;
+
+constexpr int32_t kMin = std::numeric_limits<int32_t>::min();
+constexpr int32_t kMax = std::numeric_limits<int32_t>::max();
+constexpr float kInf = std::numeric_limits<float>::infinity();
+constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+
+template <typename T>
+Bytes pack(std::initializer_list<T> values) {
+    Bytes out(values.size() * sizeof(T));
+    std::memcpy(out.data(), values.begin(), out.size());
+    return out;
+}
+Bytes i16(std::initializer_list<int16_t> v) { return pack(v); }
+Bytes u8(std::initializer_list<uint8_t> v) { return pack(v); }
+Bytes i32(std::initializer_list<int32_t> v) { return pack(v); }
+Bytes flt(std::initializer_list<float> v) { return pack(v); }
+// Packed 24-bit from 24-bit integer values, little endian.
+Bytes p24(std::initializer_list<int32_t> v) {
+    Bytes out;
+    for (int32_t x : v) {
+        for (int b = 0; b < 3; ++b) out.push_back(static_cast<uint8_t>((x >> (8 * b)) & 0xFF));
+    }
+    return out;
+}
+
+struct Case {
+    audio_format_t dst, src;
+    Bytes in, want;
+};
+
+// Expected values are written out from the conversion rules, not computed.
+const std::vector<Case> kCases = {
+    // to 32-bit
+    {F32, F16, i16({-32768, -1, 0, 1, 32767}), i32({kMin, -65536, 0, 65536, 0x7FFF0000})},
+    {F32, P24, p24({-0x800000, 0x7FFFFF, -1, 1}), i32({kMin, 0x7FFFFF00, -256, 256})},
+    {F32, FLT, flt({-kInf, -1.0f, -0.5f, -0x1p-32f, 0.0f, 0x1p-32f, 0.5f, 0.99999994f, 1.0f, 2.0f, kInf, kNaN, -kNaN}),
+     i32({kMin, kMin, -0x40000000, -1, 0, 1, 0x40000000, 0x7FFFFF80, kMax, kMax, kMax, 0, 0})},
+    {F32, F8, u8({0, 0x7F, 0x80, 0x81, 0xFF}), i32({kMin, -(1 << 24), 0, 1 << 24, 0x7F000000})},
+    {F32, Q824, i32({kMin, -0x800000, -1, 0, 1, 0x7FFFFF, 0x800000, kMax}),
+     i32({kMin, kMin, -256, 0, 256, 0x7FFFFF00, kMax, kMax})},
+    // to 16-bit
+    {F16, F8, u8({0, 0x80, 0xFF}), i16({-32768, 0, 32512})},
+    {F16, F32, i32({kMin, -32768, 0xFFFF, kMax}), i16({-32768, -1, 0, 32767})},
+    {F16, Q824, i32({kMin, -0x800000, -1, 255, 0x7FFFFF, 0x1000000}), i16({-32768, -32768, -1, 0, 32767, 32767})},
+    {F16, FLT, flt({-kInf, -1.0f, -0x1p-16f, 0x1p-16f, 0.5f, 1.0f, kInf, kNaN}),
+     i16({-32768, -32768, -1, 1, 16384, 32767, 32767, 0})},
+    {F16, P24, p24({-0x800000, 0x7FFFFF, -1, 256}), i16({-32768, 32767, -1, 1})},
+    // to 8-bit
+    {F8, F16, i16({-32768, -1, 0, 255, 256, 32767}), u8({0, 0x7F, 0x80, 0x80, 0x81, 0xFF})},
+    {F8, F32, i32({kMin, -1, 0xFFFFFF, 0x1000000, kMax}), u8({0, 0x7F, 0x80, 0x81, 0xFF})},
+    {F8, Q824, i32({kMin, 0, 0xFFFF, 0x10000, 0x7FFFFF, kMax}), u8({0, 0x80, 0x80, 0x81, 0xFF, 0xFF})},
+    {F8, FLT, flt({-kInf, -1.0f, 0.0f, 0x1p-8f, 0.5f, 1.0f, kNaN}), u8({0, 0, 0x80, 0x81, 0xC0, 0xFF, 0x80})},
+    {F8, P24, p24({-0x800000, 0x7FFFFF, -1}), u8({0, 0xFF, 0x7F})},
+    // to 8.24
+    {Q824, F16, i16({-32768, -1, 32767}), i32({-0x800000, -256, 0x7FFF00})},
+    {Q824, FLT, flt({-kInf, -1.0f, -0x1p-24f, 0x1p-24f, 1.0f, kInf, kNaN}),
+     i32({-0x800000, -0x800000, -1, 1, 0x7FFFFF, 0x7FFFFF, 0})},
+    {Q824, P24, p24({-0x800000, 0x7FFFFF, -1}), i32({-0x800000, 0x7FFFFF, -1})},
+    // to float (8.24 beyond full scale is not clamped)
+    {FLT, F16, i16({-32768, 1, 32767}), flt({-1.0f, 0x1p-15f, 32767.0f / 32768.0f})},
+    {FLT, F8, u8({0, 0x80, 0xFF}), flt({-1.0f, 0.0f, 127.0f / 128.0f})},
+    {FLT, F32, i32({kMin, 1, 0x7FFFFF80, kMax}), flt({-1.0f, 0x1p-31f, 0.99999994f, 1.0f})},
+    {FLT, Q824, i32({-0x800000, 0x7FFFFF, kMax}), flt({-1.0f, 1.0f - 0x1p-23f, 256.0f})},
+    {FLT, P24, p24({-0x800000, 1, 0x7FFFFF}), flt({-1.0f, 0x1p-23f, 1.0f - 0x1p-23f})},
+    // to packed 24-bit
+    {P24, F16, i16({-32768, -1, 32767}), p24({-0x800000, -256, 0x7FFF00})},
+    {P24, F32, i32({kMin, 0xFF, -1, kMax}), p24({-0x800000, 0, -1, 0x7FFFFF})},
+    {P24, Q824, i32({kMin, 0x123456, -1, kMax}), p24({-0x800000, 0x123456, -1, 0x7FFFFF})},
+    {P24, FLT, flt({-kInf, 0.5f, 1.0f, kNaN}), p24({-0x800000, 0x400000, 0x7FFFFF, 0})},
+};
+
+size_t samples_of(const Case &c) { return c.in.size() / audio_bytes_per_sample(c.src); }
+
+std::string name_of(const Case &c) {
+    return "dst " + std::to_string(c.dst) + " src " + std::to_string(c.src);
+}
+
+TEST(PlatformFormat, EveryPairOutOfPlaceStopsAtCount) {
+    for (const Case &c : kCases) {
+        Bytes dst(c.want.size() + 8, 0xA5);
+        memcpy_by_audio_format(dst.data(), c.dst, c.in.data(), c.src, samples_of(c));
+        EXPECT_EQ(Bytes(dst.begin(), dst.begin() + c.want.size()), c.want) << name_of(c);
+        EXPECT_EQ(Bytes(dst.begin() + c.want.size(), dst.end()), Bytes(8, 0xA5)) << name_of(c);
+    }
+}
+
+TEST(PlatformFormat, EveryPairInPlaceWideningAndNarrowing) {
+    for (const Case &c : kCases) {
+        Bytes buf(std::max(c.in.size(), c.want.size()), 0);
+        std::memcpy(buf.data(), c.in.data(), c.in.size());
+        memcpy_by_audio_format(buf.data(), c.dst, buf.data(), c.src, samples_of(c));
+        EXPECT_EQ(Bytes(buf.begin(), buf.begin() + c.want.size()), c.want) << name_of(c);
+    }
+}
+
+TEST(PlatformFormat, EqualFormatsCopyCountSamples) {
+    const Bytes in = p24({1, 2, 3, 4});
+    Bytes dst(12, 0xA5);
+    memcpy_by_audio_format(dst.data(), P24, in.data(), P24, 3);
+    EXPECT_EQ(Bytes(dst.begin(), dst.begin() + 9), Bytes(in.begin(), in.begin() + 9));
+    EXPECT_EQ(Bytes(dst.begin() + 9, dst.end()), Bytes(3, 0xA5));
+
+    Bytes same = in;
+    memcpy_by_audio_format(same.data(), P24, same.data(), P24, 4);
+    EXPECT_EQ(same, in);
+}
+
+TEST(PlatformFormat, UnconvertedPairsAndUnknownFormatsLeaveDestinationAlone) {
+    const audio_format_t pairs[][2] = {
+        {Q824, F8}, {Q824, F32}, {P24, F8}, {F32, AUDIO_FORMAT_DEFAULT}, {AUDIO_FORMAT_DEFAULT, F32},
+        {AUDIO_FORMAT_INVALID, AUDIO_FORMAT_INVALID}, {7, 7}, {F16, 0x01000001u}};
+    const Bytes in(64, 0x11);
+    for (const auto &p : pairs) {
+        Bytes dst(64, 0xA5);
+        memcpy_by_audio_format(dst.data(), p[0], in.data(), p[1], 8);
+        EXPECT_EQ(dst, Bytes(64, 0xA5)) << "dst " << p[0] << " src " << p[1];
+    }
+    memcpy_by_audio_format(nullptr, F32, in.data(), F16, 8);  // must not crash
+    Bytes dst(64, 0xA5);
+    memcpy_by_audio_format(dst.data(), F32, nullptr, F16, 8);
+    EXPECT_EQ(dst, Bytes(64, 0xA5));
+}
+
+// Float to integer conversions over random bit patterns (all exponents, NaN and Inf included)
+// against the rule computed in double: scale, round half away from zero, clamp; NaN -> 0.
+TEST(PlatformFormat, FloatToIntegerMatchesRoundingRuleOnRandomInputs) {
+    std::mt19937 rng(1234);
+    std::vector<float> in(20000);
+    for (float &f : in) {
+        const uint32_t bits = rng();
+        std::memcpy(&f, &bits, sizeof f);
+        if (rng() % 2) f = std::ldexp(static_cast<float>(static_cast<int32_t>(rng())), -31 - int(rng() % 12));
+    }
+    auto rule = [](float f, double scale, double lo, double hi) -> int64_t {
+        if (std::isnan(f)) return 0;
+        const double v = std::round(static_cast<double>(f) * scale);
+        return static_cast<int64_t>(std::fmin(std::fmax(v, lo), hi));
+    };
+    std::vector<int32_t> out32(in.size()), outq(in.size());
+    std::vector<int16_t> out16(in.size());
+    memcpy_by_audio_format(out32.data(), F32, in.data(), FLT, in.size());
+    memcpy_by_audio_format(outq.data(), Q824, in.data(), FLT, in.size());
+    memcpy_by_audio_format(out16.data(), F16, in.data(), FLT, in.size());
+    for (size_t i = 0; i < in.size(); ++i) {
+        const float f = in[i];
+        ASSERT_EQ(out32[i], rule(f, 0x1p31, kMin, kMax)) << f;
+        ASSERT_EQ(outq[i], rule(f, 0x1p23, -0x800000, 0x7FFFFF)) << f;
+        ASSERT_EQ(out16[i], rule(f, 0x1p15, -32768, 32767)) << f;
+        ASSERT_EQ(clamp32_from_float(f), out32[i]) << f;
+    }
+}
+
+TEST(PlatformFormat, TypedHelpersAgreeWithTheGeneralConversion) {
+    const std::vector<int32_t> ints = {kMin, -65536, -1, 0, 0xFFFF, 0x10000, 0x7FFFFF80, kMax};
+    const std::vector<float> floats = {-kInf, -1.0f, -0x1p-32f, 0.5f, 0.99999994f, 1.5f, kNaN};
+    const std::vector<int16_t> shorts = {-32768, -1, 0, 1, 32767};
+
+    std::vector<int32_t> a(floats.size()), b(floats.size());
+    memcpy_to_i32_from_float(a.data(), floats.data(), floats.size());
+    memcpy_by_audio_format(b.data(), F32, floats.data(), FLT, floats.size());
+    EXPECT_EQ(a, b);
+
+    std::vector<float> fa(ints.size()), fb(ints.size());
+    memcpy_to_float_from_i32(fa.data(), ints.data(), ints.size());
+    memcpy_by_audio_format(fb.data(), FLT, ints.data(), F32, ints.size());
+    EXPECT_EQ(fa, fb);
+
+    std::vector<int16_t> sa(ints.size()), sb(ints.size());
+    memcpy_to_i16_from_i32(sa.data(), ints.data(), ints.size());
+    memcpy_by_audio_format(sb.data(), F16, ints.data(), F32, ints.size());
+    EXPECT_EQ(sa, sb);
+
+    // Widening in place through the typed helper.
+    std::vector<int32_t> wide(shorts.size());
+    std::memcpy(wide.data(), shorts.data(), shorts.size() * sizeof(int16_t));
+    memcpy_to_i32_from_i16(wide.data(), reinterpret_cast<int16_t *>(wide.data()), shorts.size());
+    EXPECT_EQ(wide, (std::vector<int32_t>{kMin, -65536, 0, 65536, 0x7FFF0000}));
+}
+
+}  // namespace
