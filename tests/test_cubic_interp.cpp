@@ -1,0 +1,216 @@
+// Shape-preserving cubic interpolation: the worked cases, knots and extrapolation, the n < 3
+// choices, the float curve against the double twin, and both against an independent
+// Fritsch-Butland reference evaluated on the Hermite basis.
+
+#include "design/cubic_interp.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <random>
+#include <vector>
+
+namespace {
+
+struct Interp {
+    explicit Interp(std::vector<float> x, std::vector<float> y)
+        : handle(cubicinterp_init(x.data(), y.data(), static_cast<int>(x.size()))) {}
+    ~Interp() { cubicinterp_deinit(handle); }
+    Interp(const Interp &) = delete;
+    Interp &operator=(const Interp &) = delete;
+
+    const cubicinterp_t &rec() const { return *static_cast<const cubicinterp_t *>(handle); }
+    float at(float q) const {
+        float out = NAN;
+        cubicinterp_process(handle, &q, &out, 1);
+        return out;
+    }
+    void *handle;
+};
+
+struct Point {
+    float x, want;
+};
+
+struct WorkedCase {
+    const char *name;
+    std::vector<float> x, y, slopes;
+    std::vector<Point> points;
+};
+
+// The knots are passed by temporaries: the interpolant must have copied them.
+TEST(CubicInterp, WorkedCases) {
+    const std::vector<WorkedCase> cases = {
+        {"flat", {0, 100, 200}, {5, 5, 5}, {0, 0, 0},
+         {{-1000, 5}, {0, 5}, {37, 5}, {100, 5}, {150, 5}, {200, 5}, {1e4f, 5}}},
+        {"monotone", {0, 1, 2, 3}, {0, 1, 4, 9}, {}, {{0, 0}, {1, 1}, {2, 4}, {3, 9}}},
+        {"peak", {0, 1, 2}, {0, 1, 0}, {2, 0, -2},
+         {{0.5f, 0.75f}, {1, 1}, {1.5f, 0.75f}, {-1, -3}, {3, -3}}},
+        {"end slope limited", {0, 1, 2}, {0, 1, -5}, {3, 0, -9.5f}, {{0.5f, 0.875f}, {1.5f, -0.8125f}}},
+        {"end slope zeroed", {0, 1, 2}, {0, 1, 10}, {0, 1.8f, 13}, {{0.5f, 0.275f}}},
+    };
+    for (const WorkedCase &c : cases) {
+        Interp f(c.x, c.y);
+        ASSERT_NE(f.handle, nullptr) << c.name;
+        for (size_t k = 0; k < c.slopes.size(); ++k) {
+            EXPECT_NEAR(f.rec().c1[k], c.slopes[k], 1e-6f) << c.name << " slope " << k;
+        }
+        for (const Point &p : c.points) {
+            EXPECT_NEAR(f.at(p.x), p.want, 1e-6f * std::max(1.0f, std::fabs(p.want)))
+                << c.name << " at " << p.x;
+        }
+    }
+}
+
+TEST(CubicInterp, MonotoneDataGivesMonotoneCurveAndPeakStaysAtItsKnot) {
+    Interp mono({0, 1, 2, 3}, {0, 1, 4, 9});
+    Interp peak({0, 1, 2}, {0, 1, 0});
+    float prev = mono.at(0);
+    for (int i = 1; i <= 3000; ++i) {
+        const float q = i * 0.001f;
+        const float v = mono.at(q);
+        EXPECT_GE(v, prev) << q;
+        prev = v;
+        EXPECT_LE(peak.at(q * 2.0f / 3.0f), 1.0f);
+    }
+}
+
+// A query on an interior knot uses the interval to its left and lands on the knot's value;
+// beyond the ends the repeated end gains of the curve update keep the curve flat.
+TEST(CubicInterp, KnotQueriesAndFlatExtrapolation) {
+    const std::vector<float> x = {0, 90, 250, 1000, 4000, 9000, 16000, 22000};
+    const std::vector<float> y = {3, 3, -2.5f, 1, 6, 4.5f, -1, -1};
+    Interp f(x, y);
+    for (size_t j = 0; j < x.size(); ++j) EXPECT_NEAR(f.at(x[j]), y[j], 1e-5f) << j;
+    for (float q : {-500.0f, -1.0f, 45.0f}) EXPECT_EQ(f.at(q), 3.0f) << q;
+    for (float q : {19000.0f, 22001.0f, 48000.0f}) EXPECT_EQ(f.at(q), -1.0f) << q;
+}
+
+TEST(CubicInterp, FewKnotsAndNullArguments) {
+    float x1[] = {1}, y1[] = {2};
+    EXPECT_EQ(cubicinterp_init(x1, y1, 1), nullptr);
+    EXPECT_EQ(cubicinterp_init(x1, y1, 0), nullptr);
+    EXPECT_EQ(cubicinterp_init(nullptr, y1, 3), nullptr);
+
+    Interp line({1, 3}, {2, 6});  // two knots: a straight line, also outside the knots
+    for (float q : {-1.0f, 1.0f, 2.0f, 2.5f, 3.0f, 10.0f}) EXPECT_FLOAT_EQ(line.at(q), 2 * q) << q;
+
+    float q = 1.0f, out = -7.0f;
+    cubicinterp_process(nullptr, &q, &out, 1);
+    cubicinterp_process(line.handle, &q, &out, 0);
+    cubicinterp_process(line.handle, nullptr, &out, 1);
+    EXPECT_EQ(out, -7.0f);
+    cubicinterp_deinit(nullptr);
+}
+
+// --- Random tables against the double twin and an independent reference -------------------
+
+struct Table {
+    std::vector<double> x, y;
+};
+
+Table random_table(std::mt19937 &rng, bool monotone) {
+    std::uniform_int_distribution<int> count(3, 16);
+    std::uniform_real_distribution<double> gap(1.0, 3000.0), gain(-12.0, 12.0);
+    Table t;
+    const int n = count(rng);
+    double x = gap(rng) / 10.0, y = gain(rng);
+    for (int k = 0; k < n; ++k) {
+        t.x.push_back(static_cast<float>(x));  // representable in float, so both see one table
+        t.y.push_back(static_cast<float>(y));
+        x += gap(rng);
+        y = monotone ? y + std::fabs(gain(rng)) / 4 : gain(rng);
+    }
+    return t;
+}
+
+// Fritsch-Butland slopes (weighted harmonic mean of the secants, three-point end slopes with
+// the shape limits) and Hermite basis evaluation, written independently in double.
+double reference(const Table &t, double q) {
+    const size_t n = t.x.size();
+    std::vector<double> h(n - 1), del(n - 1), d(n, 0.0);
+    for (size_t k = 0; k + 1 < n; ++k) {
+        h[k] = t.x[k + 1] - t.x[k];
+        del[k] = (t.y[k + 1] - t.y[k]) / h[k];
+    }
+    for (size_t k = 1; k + 1 < n; ++k) {
+        if (del[k - 1] * del[k] > 0) {
+            const double w1 = 2 * h[k] + h[k - 1], w2 = h[k] + 2 * h[k - 1];
+            d[k] = (w1 + w2) / (w1 / del[k - 1] + w2 / del[k]);
+        }
+    }
+    auto end = [](double h0, double h1, double d0, double d1) {
+        double s = ((2 * h0 + h1) * d0 - h0 * d1) / (h0 + h1);
+        if (s * d0 <= 0) return 0.0;  // against the end secant, or a flat end
+        const bool turns = (d0 > 0) != (d1 > 0) || (d0 < 0) != (d1 < 0);
+        if (turns && std::fabs(s) > std::fabs(3 * d0)) return 3 * d0;
+        return s;
+    };
+    d[0] = end(h[0], h[1], del[0], del[1]);
+    d[n - 1] = end(h[n - 2], h[n - 3], del[n - 2], del[n - 3]);
+    size_t k = 0;
+    while (k + 2 < n && q > t.x[k + 1]) ++k;
+    const double hk = h[k], s = (q - t.x[k]) / hk;
+    const double h00 = (1 + 2 * s) * (1 - s) * (1 - s), h10 = s * (1 - s) * (1 - s);
+    const double h01 = s * s * (3 - 2 * s), h11 = s * s * (s - 1);
+    return h00 * t.y[k] + h10 * hk * d[k] + h01 * t.y[k + 1] + h11 * hk * d[k + 1];
+}
+
+TEST(CubicInterp, FloatDoubleAndReferenceAgreeAndNeverOvershoot) {
+    std::mt19937 rng(20240611);
+    for (int trial = 0; trial < 200; ++trial) {
+        const Table t = random_table(rng, trial % 4 == 0);
+        const int n = static_cast<int>(t.x.size());
+        std::vector<float> xf(t.x.begin(), t.x.end()), yf(t.y.begin(), t.y.end());
+        Interp f(xf, yf);
+        std::vector<double> c3(n), c2(n), c1(n), c0(n), xs(n);
+        Poly poly = {n, c3.data(), c2.data(), c1.data(), c0.data(), xs.data()};
+        std::vector<double> xd = t.x, yd = t.y;
+        pchip_init(&poly, xd.data(), yd.data(), n);
+
+        // Queries across the knots and one interval beyond each end.
+        std::vector<double> q;
+        const double lo = 2 * t.x[0] - t.x[1], hi = 2 * t.x[n - 1] - t.x[n - 2];
+        for (int i = 0; i <= 400; ++i) q.push_back(static_cast<float>(lo + (hi - lo) * i / 400));
+        std::vector<float> qf(q.begin(), q.end()), outf(q.size());
+        std::vector<double> outd(q.size());
+        cubicinterp_process(f.handle, qf.data(), outf.data(), static_cast<int>(q.size()));
+        pchip_process(&poly, q.data(), outd.data(), static_cast<int>(q.size()));
+
+        for (size_t i = 0; i < q.size(); ++i) {
+            const double want = reference(t, q[i]);
+            ASSERT_NEAR(outd[i], want, 1e-9 * (1 + std::fabs(want))) << "trial " << trial << " q " << q[i];
+            ASSERT_NEAR(outf[i], outd[i], 3e-5 * (1 + std::fabs(want))) << "trial " << trial << " q " << q[i];
+            if (q[i] < t.x[0] || q[i] > t.x[n - 1]) continue;
+            size_t k = 0;
+            while (k + 2 < t.x.size() && q[i] > t.x[k + 1]) ++k;
+            ASSERT_LE(outd[i], std::max(t.y[k], t.y[k + 1]) + 1e-9) << "trial " << trial;
+            ASSERT_GE(outd[i], std::min(t.y[k], t.y[k + 1]) - 1e-9) << "trial " << trial;
+        }
+    }
+}
+
+TEST(CubicInterp, TwinPiecesAndLimits) {
+    double x[] = {0, 1, 2}, y[] = {0, 1, 0}, h[] = {1, 1}, delta[] = {1, -1}, d[3] = {};
+    pchipslopes(x, y, delta, d, 3);
+    EXPECT_DOUBLE_EQ(d[0], 2);
+    EXPECT_DOUBLE_EQ(d[1], 0);
+    EXPECT_DOUBLE_EQ(d[2], -2);
+
+    double c3[3], c2[3], c1[3], c0[3], xs[3];
+    Poly poly = {3, c3, c2, c1, c0, xs};
+    pwch(x, y, d, h, delta, 3, &poly);  // separate h/delta arrays
+    EXPECT_DOUBLE_EQ(c2[0], -1);
+    EXPECT_DOUBLE_EQ(c3[0], 0);
+    EXPECT_DOUBLE_EQ(c2[1], -1);
+    EXPECT_DOUBLE_EQ(c3[1], 0);
+
+    Poly small = {2, c3, c2, c1, c0, xs};
+    c0[0] = 42;
+    pchip_init(&small, x, y, 3);  // more knots than the arrays hold: refused
+    EXPECT_EQ(c0[0], 42);
+    EXPECT_EQ(small.n, 2);
+}
+
+}  // namespace
