@@ -106,8 +106,8 @@ Knots knots_repaired(const Table &t) {
 }
 
 void interpolate(const Knots &k, const float *grid, float *out, int m) {
-    void *interp = cubicinterp_init(const_cast<float *>(k.x.data()), const_cast<float *>(k.y.data()),
-                                    k.n);
+    void *interp =
+        cubicinterp_init(const_cast<float *>(k.x.data()), const_cast<float *>(k.y.data()), k.n);
     cubicinterp_process(interp, const_cast<float *>(grid), out, m);
     cubicinterp_deinit(interp);
 }
@@ -143,9 +143,12 @@ extern "C" void update_frc_params(sorn_hp_wrapper_t *w) {
     for (int k = 0; k < kBins; ++k) grid[k] = (static_cast<float>(k) * rate) * 0.0009765625f;
 
     const bool use_lc = w->lc >= 1, use_hp = w->hp >= 1, use_ea = w->ea >= 1;
-    if (use_lc) group_curve({"lc", w->lc_freq, w->lc_gain, SORN_HP_LC_POINTS}, grid.data(), lc_curve);
-    if (use_hp) group_curve({"hp", w->hp_freq, w->hp_gain, SORN_HP_HP_POINTS}, grid.data(), hp_curve);
-    if (use_ea) group_curve({"ea", w->ea_freq, w->ea_gain, SORN_HP_EA_POINTS}, grid.data(), ea_curve);
+    if (use_lc)
+        group_curve({"lc", w->lc_freq, w->lc_gain, SORN_HP_LC_POINTS}, grid.data(), lc_curve);
+    if (use_hp)
+        group_curve({"hp", w->hp_freq, w->hp_gain, SORN_HP_HP_POINTS}, grid.data(), hp_curve);
+    if (use_ea)
+        group_curve({"ea", w->ea_freq, w->ea_gain, SORN_HP_EA_POINTS}, grid.data(), ea_curve);
 
     for (int k = 0; k < kBins; ++k) {
         float t = 0.0f;
