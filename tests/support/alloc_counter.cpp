@@ -18,6 +18,20 @@
 
 namespace {
 std::atomic<long long> g_allocations{0};
+std::atomic<long long> g_live{0};
+std::atomic<long long> g_fail_at{-1};  // allocation number from which on allocations fail
+
+// Counts one allocation; true when it is to fail.
+bool count_and_fail() {
+    const long long n = g_allocations.fetch_add(1, std::memory_order_relaxed);
+    const long long fail_at = g_fail_at.load(std::memory_order_relaxed);
+    return fail_at >= 0 && n >= fail_at;
+}
+
+void* track(void* p) {
+    if (p != nullptr) g_live.fetch_add(1, std::memory_order_relaxed);
+    return p;
+}
 }
 
 #if SORN_ALLOC_COUNTING
@@ -30,21 +44,24 @@ void* __libc_memalign(std::size_t, std::size_t);
 void __libc_free(void*);
 
 void* malloc(std::size_t size) {
-    g_allocations.fetch_add(1, std::memory_order_relaxed);
-    return __libc_malloc(size);
+    return count_and_fail() ? nullptr : track(__libc_malloc(size));
 }
 void* calloc(std::size_t n, std::size_t size) {
-    g_allocations.fetch_add(1, std::memory_order_relaxed);
-    return __libc_calloc(n, size);
+    return count_and_fail() ? nullptr : track(__libc_calloc(n, size));
 }
 void* realloc(void* p, std::size_t size) {
-    g_allocations.fetch_add(1, std::memory_order_relaxed);
-    return __libc_realloc(p, size);
+    if (count_and_fail()) return nullptr;
+    void* q = __libc_realloc(p, size);
+    if (p == nullptr) return track(q);
+    if (q == nullptr && size == 0) g_live.fetch_sub(1, std::memory_order_relaxed);  // freed
+    return q;
 }
-void free(void* p) { __libc_free(p); }
+void free(void* p) {
+    if (p != nullptr) g_live.fetch_sub(1, std::memory_order_relaxed);
+    __libc_free(p);
+}
 void* memalign(std::size_t align, std::size_t size) {
-    g_allocations.fetch_add(1, std::memory_order_relaxed);
-    return __libc_memalign(align, size);
+    return count_and_fail() ? nullptr : track(__libc_memalign(align, size));
 }
 void* aligned_alloc(std::size_t align, std::size_t size) { return memalign(align, size); }
 int posix_memalign(void** out, std::size_t align, std::size_t size) {
@@ -63,5 +80,9 @@ AllocCounter::AllocCounter() : start_(g_allocations.load()) {}
 long long AllocCounter::count() const { return g_allocations.load() - start_; }
 void AllocCounter::restart() { start_ = g_allocations.load(); }
 bool AllocCounter::available() { return SORN_ALLOC_COUNTING != 0; }
+long long AllocCounter::live() { return g_live.load(); }
+void AllocCounter::fail_after(long long n) {
+    g_fail_at.store(n < 0 ? -1 : g_allocations.load() + n);
+}
 
 }  // namespace sorn_test

@@ -7,6 +7,10 @@
  *     ...code under test...
  *     EXPECT_EQ(allocs.count(), 0);
  *
+ * It can also make allocations fail, to drive the clean-up paths of creation functions:
+ * AllocCounter::fail_after(n) lets the next n allocations succeed and fails every later one
+ * until fail_after(-1).
+ *
  * The counter replaces the C allocation functions of the executable that links it and forwards
  * them to the C library's own. It counts every thread. Under AddressSanitizer or
  * ThreadSanitizer, which own the allocator, counting is unavailable: available() is false and
@@ -24,6 +28,10 @@ public:
     long long count() const;
     void restart();
     static bool available();
+    /* Blocks currently allocated (successful allocations less frees), for leak checks. */
+    static long long live();
+    /* n >= 0: the next n allocations succeed, all later ones return null; n < 0: none fail. */
+    static void fail_after(long long n);
 
 private:
     long long start_;
