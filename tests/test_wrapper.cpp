@@ -317,4 +317,37 @@ TEST(WrapperProcess, AllocatesNothingAfterInit) {
     EXPECT_EQ(w->state, 2);
 }
 
+TEST(WrapperInit, AnyFailedAllocationGivesABypassedWrapperAndLeaksNothing) {
+    using sorn_test::AllocCounter;
+    if (!AllocCounter::available()) GTEST_SKIP() << "allocation counting unavailable";
+    sorn_hp_wrapper_deinit(sorn_hp_wrapper_init(48000, 3, 2));  // first-use allocations
+    AllocCounter counter;
+    sorn_hp_wrapper_deinit(sorn_hp_wrapper_init(48000, 3, 2));
+    const long long allocations = counter.count();
+    Samples buf = noise(300, 1 << 28, 12);
+    const Samples in = buf;
+    for (long long k = 0; k < allocations; ++k) {
+        const long long live = AllocCounter::live();
+        AllocCounter::fail_after(k);
+        auto* w = static_cast<sorn_hp_wrapper_t*>(sorn_hp_wrapper_init(48000, 3, 2));
+        AllocCounter::fail_after(-1);
+        if (k == 0) {
+            EXPECT_EQ(w, nullptr);
+        }
+        if (w != nullptr) {
+            sorn_hp_params_t p{};
+            sorn_hp_wrapper_set_parameters(w, &p);
+            sorn_hp_wrapper_process(w, buf.data(), buf.size() * 4);
+            // A missing chain leaves its blocks out; anything else missing means bypass.
+            EXPECT_TRUE(w->state == 0 || w->effect_active == nullptr || w->effect_standby == nullptr) << k;
+        }
+        if (w == nullptr || w->state == 0) {
+            EXPECT_EQ(buf, in) << "allocation " << k << " failed";
+        }
+        sorn_hp_wrapper_deinit(w);
+        buf = in;
+        EXPECT_EQ(AllocCounter::live(), live) << "allocation " << k << " failed";
+    }
+}
+
 }  // namespace

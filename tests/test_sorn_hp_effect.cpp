@@ -1,0 +1,134 @@
+// Processing chain: creation, the rate class, what a new chain does to a block, the FIR record,
+// reset, and the calls that must change nothing.
+#include <android/log.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <vector>
+
+#include "dsp/sorn_hp_effect.h"
+#include "dsp/stereo_surround.h"
+#include "tests/support/alloc_counter.h"
+#include "tests/support/log_capture.h"
+
+namespace {
+
+using Plane = std::vector<int>;
+
+struct Chain {
+    sorn_hp_effect_t* c;
+    explicit Chain(unsigned rate = 48000) : c(static_cast<sorn_hp_effect_t*>(sorn_hp_effect_init(rate, 2))) {}
+    ~Chain() { sorn_hp_effect_end(c); }
+    // Runs `blocks` blocks of a fixed noise sequence; returns the output planes one after another.
+    std::vector<Plane> run(int blocks, unsigned seed = 1) {
+        std::mt19937 rng(seed);
+        std::uniform_int_distribution<int> dist(-(1 << 21), 1 << 21);
+        std::vector<Plane> out;
+        for (int b = 0; b < blocks; ++b) {
+            Plane l(240), r(240);
+            for (int i = 0; i < 240; ++i) l[i] = dist(rng), r[i] = dist(rng);
+            sorn_hp_effect_core_process(c, l.data(), r.data(), 240);
+            out.push_back(l);
+            out.push_back(r);
+        }
+        return out;
+    }
+    void load_taps(int enable, int value) {
+        orla_earadapt_params_t frc{};
+        frc.enable = enable;
+        std::fill(std::begin(frc.coef_left), std::end(frc.coef_left), value);
+        std::fill(std::begin(frc.coef_right), std::end(frc.coef_right), value);
+        sorn_hp_effect_frc_setparameter(c, &frc);
+    }
+};
+
+bool silent(const Plane& p) { return std::all_of(p.begin(), p.end(), [](int x) { return x == 0; }); }
+
+TEST(ProcessingChain, RefusesFewerThanTwoChannelsAndClassifiesTheRate) {
+    sorn_test::LogCapture log;
+    EXPECT_EQ(sorn_hp_effect_init(48000, 1), nullptr);
+    EXPECT_EQ(sorn_hp_effect_init(48000, 0), nullptr);
+    EXPECT_EQ(log.count("sorn_hp_effect_init: chnnum 1 unsupported, need to be stereo",
+                        ANDROID_LOG_ERROR, "ORLA_SORN"), 1);
+    const struct { unsigned rate; int type; } cases[] = {
+        {48000, 1}, {44100, 0}, {96000, 2}, {192000, 3}, {44056, 1}};
+    for (const auto& k : cases) {
+        Chain chain(k.rate);
+        ASSERT_NE(chain.c, nullptr);
+        EXPECT_EQ(chain.c->sample_rate, k.rate);
+        EXPECT_EQ(chain.c->sample_rate_type, k.type) << k.rate;
+    }
+}
+
+TEST(ProcessingChain, NewChainIsSilentForTwoBlocksWhateverTheTapsWhileTheFirIsOff) {
+    Chain fresh, off_with_zero_taps, on_with_zero_taps;
+    off_with_zero_taps.load_taps(0, 0);
+    on_with_zero_taps.load_taps(1, 0);
+    const auto out = fresh.run(4);
+    for (int p = 0; p < 4; ++p) EXPECT_TRUE(silent(out[p])) << "plane " << p;
+    for (int p = 4; p < 8; ++p) EXPECT_FALSE(silent(out[p])) << "plane " << p;
+    EXPECT_EQ(off_with_zero_taps.run(4), out);  // filters off: taps stored but not applied
+    for (const auto& p : on_with_zero_taps.run(4)) EXPECT_TRUE(silent(p));
+}
+
+TEST(ProcessingChain, SurroundSettingsReachTheSurroundAndChangeTheSides) {
+    Chain plain, wide;
+    sorn_hp_effect_ss_setparameter(wide.c, 1, 5000, 20);
+    const auto* ss = static_cast<const stereo_surround_t*>(wide.c->surround);
+    EXPECT_EQ(ss->status, 1);
+    EXPECT_EQ(ss->configured, 1);
+    EXPECT_FLOAT_EQ(ss->gain, 0.3f);
+    EXPECT_NE(wide.run(4), plain.run(4));
+}
+
+TEST(ProcessingChain, EmptyOrMissingPlanesAndNullChainsChangeNothing) {
+    Chain chain, reference;
+    Plane l(240, 1000), r(240, -1000);
+    sorn_hp_effect_core_process(chain.c, l.data(), r.data(), 0);
+    sorn_hp_effect_core_process(chain.c, nullptr, r.data(), 240);
+    sorn_hp_effect_core_process(chain.c, l.data(), nullptr, 240);
+    EXPECT_EQ(l, Plane(240, 1000));
+    EXPECT_EQ(r, Plane(240, -1000));
+    EXPECT_EQ(chain.run(4), reference.run(4));  // no block saw those calls
+
+    sorn_hp_effect_core_process(nullptr, l.data(), r.data(), 240);
+    sorn_hp_effect_reset(nullptr);
+    sorn_hp_effect_ss_setparameter(nullptr, 1, 5000, 20);
+    sorn_hp_effect_frc_setparameter(nullptr, nullptr);
+    sorn_hp_effect_end(nullptr);
+    EXPECT_EQ(l, Plane(240, 1000));
+}
+
+TEST(ProcessingChain, ResetClearsSignalHistoryAndKeepsSettings) {
+    Chain chain;
+    sorn_hp_effect_ss_setparameter(chain.c, 1, 5000, 20);
+    chain.run(3);
+    sorn_hp_effect_reset(chain.c);
+    const auto out = chain.run(3, 3);
+    for (int p = 0; p < 4; ++p) EXPECT_TRUE(silent(out[p])) << "plane " << p;  // look-ahead cleared
+    EXPECT_FALSE(silent(out[4]));
+    EXPECT_EQ(static_cast<const stereo_surround_t*>(chain.c->surround)->status, 1);
+    EXPECT_EQ(chain.c->compressor->status, 1);
+}
+
+TEST(ProcessingChain, AnyFailedAllocationDuringCreationGivesNullAndLeaksNothing) {
+    using sorn_test::AllocCounter;
+    if (!AllocCounter::available()) GTEST_SKIP() << "allocation counting unavailable";
+    sorn_hp_effect_end(sorn_hp_effect_init(48000, 2));  // first-use allocations outside the chain
+    AllocCounter counter;
+    sorn_hp_effect_end(sorn_hp_effect_init(48000, 2));
+    const long long allocations = counter.count();
+    ASSERT_GT(allocations, 8);
+    for (long long k = 0; k < allocations; ++k) {
+        const long long live = AllocCounter::live();
+        AllocCounter::fail_after(k);
+        void* chain = sorn_hp_effect_init(48000, 2);
+        AllocCounter::fail_after(-1);
+        EXPECT_EQ(chain, nullptr) << "allocation " << k << " failed";
+        sorn_hp_effect_end(chain);
+        EXPECT_EQ(AllocCounter::live(), live) << "allocation " << k << " failed";
+    }
+}
+
+}  // namespace
