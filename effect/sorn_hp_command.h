@@ -18,9 +18,10 @@
  *                  *replySize say how much was written.
  *
  * Reply buffers: nothing is ever written through a null pointer or beyond *replySize bytes.
- * Commands that need a reply (SET_CONFIG, ENABLE, DISABLE, SET_PARAM, GET_PARAM) refuse a
- * missing reply buffer; the others (INIT, SET_DEVICE, SET_AUDIO_MODE) also work with null
- * reply pointers or a reply size of 0 and then simply write no reply word. cmdSize and psize
+ * SET_CONFIG, ENABLE and DISABLE need a 4-byte reply and GET_PARAM at least 20 bytes, else -22.
+ * SET_PARAM refuses a null reply buffer and writes its status word only where *replySize has
+ * room. INIT, SET_DEVICE and SET_AUDIO_MODE also work with null reply pointers or a reply
+ * size of 0 and then simply write no reply word. cmdSize and psize
  * are not examined for SET_PARAM: the framework sends the header, the id and vsize value
  * bytes. An allocation failure refuses the command (reply word -22) and keeps the old state.
  *
