@@ -1,0 +1,663 @@
+/*
+ * sorn-hp: the workstation tool for the SORN HP headphone effect.
+ *
+ *   run               audio file through the effect, exactly as Android drives it
+ *   demo              synthesized program through the built-in tuning, with plot and report
+ *   design            the library's own design of a tuning: requested vs achieved response
+ *   params            tuning file <-> 292-byte parameter block
+ *   import-graphiceq  "GraphicEQ: f g; ..." text into a tuning group
+ *   info              the library's descriptor
+ *
+ * Exit status: 0 success, 1 usage error (arguments, outputs that exist or would overwrite an
+ * input), 2 processing error (unreadable or invalid inputs, library failures).
+ */
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <android/log.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "tools/audio_file.h"
+#include "tools/builtin_tuning.h"
+#include "tools/demo_program.h"
+#include "tools/design_view.h"
+#include "tools/effect_host.h"
+#include "tools/effect_run.h"
+#include "tools/graphiceq.h"
+#include "tools/response_plot.h"
+#include "tools/tuning.h"
+
+namespace {
+
+using namespace sorn_tool;
+
+constexpr int kUsage = 1;
+constexpr int kFailed = 2;
+
+/* A failure that ends the command with its exit status. */
+struct Exit {
+    int code;
+    std::string message;
+};
+
+[[noreturn]] void usage_error(const std::string &m) { throw Exit{kUsage, m}; }
+[[noreturn]] void failure(const std::string &m) { throw Exit{kFailed, m}; }
+
+struct Global {
+    std::string lib;
+    bool quiet = false;
+    bool verbose = false;
+    bool yes = false;
+};
+Global g_opt;
+
+void note(const std::string &m) {
+    if (!g_opt.quiet) std::fprintf(stderr, "sorn-hp: note: %s\n", m.c_str());
+}
+void warn(const std::string &m) {
+    if (!g_opt.quiet) std::fprintf(stderr, "sorn-hp: WARNING: %s\n", m.c_str());
+}
+void say(const std::string &m) {
+    if (!g_opt.quiet) std::fputs(m.c_str(), stdout);
+}
+
+std::string fmt(const char *f, ...) __attribute__((format(printf, 1, 2)));
+std::string fmt(const char *f, ...) {
+    char buf[1024];
+    va_list ap;
+    va_start(ap, f);
+    std::vsnprintf(buf, sizeof buf, f, ap);
+    va_end(ap);
+    return buf;
+}
+
+std::string dbfs(double v) { return std::isfinite(v) ? fmt("%.1f dBFS", v) : std::string("-inf dBFS"); }
+
+/* ---- files --------------------------------------------------------------------------------- */
+
+bool same_file(const std::string &a, const std::string &b) {
+    struct stat sa{}, sb{};
+    if (stat(a.c_str(), &sa) != 0 || stat(b.c_str(), &sb) != 0) return a == b;
+    return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
+}
+
+bool exists(const std::string &p) {
+    struct stat st{};
+    return stat(p.c_str(), &st) == 0;
+}
+
+/* Outputs must not be inputs, and must not exist unless -y was given. */
+void check_outputs(const std::vector<std::string> &outputs, const std::vector<std::string> &inputs) {
+    for (size_t i = 0; i < outputs.size(); ++i) {
+        for (const std::string &in : inputs)
+            if (same_file(outputs[i], in))
+                usage_error(outputs[i] + " is also an input; choose another output name");
+        for (size_t j = 0; j < i; ++j)
+            if (outputs[i] == outputs[j]) usage_error(outputs[i] + " is named for two outputs");
+        if (exists(outputs[i]) && !g_opt.yes) usage_error(outputs[i] + " exists; add -y to overwrite it");
+    }
+}
+
+std::string read_file(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) failure(path + ": cannot read: " + std::strerror(errno));
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+void write_file(const std::string &path, const void *data, size_t size) {
+    std::string tmp = path + ".partial";
+    {
+        std::ofstream out(tmp, std::ios::binary | std::ios::trunc);
+        out.write(static_cast<const char *>(data), static_cast<std::streamsize>(size));
+        out.close();
+        if (!out) {
+            std::remove(tmp.c_str());
+            failure(path + ": cannot write: " + std::strerror(errno));
+        }
+    }
+    if (std::rename(tmp.c_str(), path.c_str()) != 0) {
+        std::remove(tmp.c_str());
+        failure(path + ": cannot write: " + std::strerror(errno));
+    }
+}
+
+void make_dir(const std::string &dir) {
+    std::string partial;
+    std::stringstream parts(dir);
+    std::string part;
+    if (!dir.empty() && dir[0] == '/') partial = "/";
+    while (std::getline(parts, part, '/')) {
+        if (part.empty()) continue;
+        partial += part + "/";
+        if (mkdir(partial.c_str(), 0777) != 0 && errno != EEXIST)
+            failure(dir + ": cannot make the folder: " + std::strerror(errno));
+    }
+}
+
+/* ---- tunings and blocks -------------------------------------------------------------------- */
+
+sorn_hp_params_t load_tuning(const std::string &path) {
+    TuningResult t = tuning_load(path);
+    if (!t.ok) failure(t.error);
+    for (const std::string &n : t.notes) note(n);
+    return t.params;
+}
+
+sorn_hp_params_t builtin_params() {
+    TuningResult t = tuning_from_json(builtin_tuning_json(), "built-in tuning");
+    if (!t.ok) failure(t.error);  // a broken build; the tests guard against it
+    return t.params;
+}
+
+sorn_hp_params_t load_block(const std::string &path) {
+    std::string bytes = read_file(path);
+    const auto *b = reinterpret_cast<const uint8_t *>(bytes.data());
+    if (bytes.size() == kParamsBytes) return params_from_bytes(b);
+    // A whole SET_PARAM record as captured from a client: header, id 100, then the block.
+    const size_t head = sizeof(effect_param_t) + 4;
+    if (bytes.size() == head + kParamsBytes) {
+        effect_param_t p{};
+        int32_t id = 0;
+        std::memcpy(&p, b, sizeof p);
+        std::memcpy(&id, b + sizeof p, 4);
+        if (p.psize == 4 && p.vsize == kParamsBytes && id == 100) {
+            note(path + ": a SET_PARAM record; using its 292-byte value");
+            return params_from_bytes(b + head);
+        }
+    }
+    failure(path + ": " + std::to_string(bytes.size()) + " bytes; a parameter block is " +
+            std::to_string(kParamsBytes) + " bytes");
+}
+
+std::string groups_summary(const sorn_hp_params_t &p) {
+    std::string s;
+    for (Group g : kGroups) s += std::string(s.empty() ? "" : ", ") + group_name(g) + (group_used(p, g) ? " on" : " off");
+    return s + ", surround " + (p.ss != 0 && p.lc != 0 ? "on" : "off");
+}
+
+/* ---- library --------------------------------------------------------------------------------- */
+
+struct LoadedLibrary {
+    EffectLibrary lib;
+    ~LoadedLibrary() { effect_library_close(lib); }
+};
+
+void open_library(LoadedLibrary &l) {
+    std::string error;
+    if (!effect_library_open(resolve_library_path(g_opt.lib), l.lib, error)) failure(error);
+}
+
+/* ---- progress ---------------------------------------------------------------------------- */
+
+std::function<void(double)> progress_bar(const std::string &label) {
+    if (g_opt.quiet || !isatty(STDERR_FILENO)) return {};
+    return [label](double done) {
+        const int width = 40;
+        int fill = static_cast<int>(done * width + 0.5);
+        std::fprintf(stderr, "\r%s [%s%s] %3d%%", label.c_str(), std::string(fill, '#').c_str(),
+                     std::string(width - fill, ' ').c_str(), static_cast<int>(done * 100 + 0.5));
+        if (done >= 1.0) std::fprintf(stderr, "\r%*s\r", width + 20 + static_cast<int>(label.size()), "");
+        std::fflush(stderr);
+    };
+}
+
+/* ---- run ------------------------------------------------------------------------------------- */
+
+struct RunArgs {
+    std::string in, out, tuning, params, device = "wired-headphone", mode = "normal", format = "float";
+    size_t frames = 240;
+    bool bypass = false;
+};
+
+SampleFormat parse_format(const std::string &f) {
+    if (f == "float") return SampleFormat::f32;
+    if (f == "16") return SampleFormat::s16;
+    if (f == "32") return SampleFormat::s32;
+    usage_error("--format must be float, 16 or 32, not " + f);
+}
+
+std::string run_report(const std::string &in, const std::string &out, const std::string &tuning_name,
+                       const RunArgs &a, const EffectLibrary &lib, const RunReport &r) {
+    const double seconds = double(r.frames) / r.rate;
+    std::ostringstream o;
+    o << "sorn-hp run: " << in << " -> " << out << "\n";
+    o << fmt("  effect       %s (%s)\n", lib.descriptor.name, lib.descriptor.implementor);
+    o << "  library      " << lib.resolved_path << "\n";
+    o << "  tuning       " << tuning_name << "\n";
+    o << fmt("  stream       %d Hz, stereo, %s, %zu frames per call, %s, %s mode\n", r.rate,
+             a.format.c_str(), a.frames, a.device.c_str(), a.mode.c_str());
+    o << fmt("  duration     %.3f s (%lld frames)\n", seconds, static_cast<long long>(r.frames));
+    if (r.processing)
+        o << fmt("  latency      %d frames (%.2f ms), compensated: output lines up with input\n", r.latency,
+                 1000.0 * r.latency / r.rate);
+    else
+        o << "  latency      0 frames: the effect passed the audio through unprocessed\n";
+    o << "  level in     peak " << dbfs(r.in.peak_dbfs) << ", RMS " << dbfs(r.in.rms_dbfs) << "\n";
+    o << "  level out    peak " << dbfs(r.out.peak_dbfs) << ", RMS " << dbfs(r.out.rms_dbfs) << "\n";
+    o << fmt("  clipped      %lld output samples at full scale\n", static_cast<long long>(r.clipped));
+    o << fmt("  processing   %.3f s in %lld calls: %.1fx real time\n", r.process_seconds,
+             static_cast<long long>(r.calls), r.process_seconds > 0 ? seconds / r.process_seconds : 0.0);
+    return o.str();
+}
+
+/* Why the effect left the audio alone, from its own status. */
+void explain_passthrough(const RunReport &r, const RunArgs &a) {
+    std::string why;
+    if (!effect_rate_supported(r.rate) || r.status_check == 0)
+        why = std::to_string(r.rate) + " Hz is a rate the effect does not process (it takes 44050 to 48050 Hz)";
+    else if (a.bypass)
+        why = "--bypass is on";
+    else
+        why = "the effect does not process for device " + a.device + " in " + a.mode + " mode";
+    warn("THE OUTPUT IS THE INPUT UNCHANGED: " + why + ".");
+}
+
+int cmd_run(const RunArgs &a) {
+    const SampleFormat format = parse_format(a.format);
+    if (a.frames < 1 || a.frames > 65536) usage_error("--frames must be 1 to 65536");
+    uint32_t device = 0, mode = 0;
+    if (!parse_device(a.device, device))
+        usage_error("--device " + a.device + " is unknown; use one of " + device_names() + ", or a number");
+    if (!parse_audio_mode(a.mode, mode))
+        usage_error("--mode " + a.mode + " is unknown; use one of " + audio_mode_names() + ", or a number");
+    if (!a.tuning.empty() && !a.params.empty()) usage_error("give --tuning or --params, not both");
+    std::vector<std::string> inputs{a.in};
+    if (!a.tuning.empty()) inputs.push_back(a.tuning);
+    if (!a.params.empty()) inputs.push_back(a.params);
+    check_outputs({a.out}, inputs);
+    int sf_format = 0;
+    std::string out_note, error;
+    if (!audio_output_format(a.out, format, sf_format, out_note, error)) usage_error(error);
+
+    RunSettings s;
+    std::string tuning_name = "built-in example";
+    if (!a.tuning.empty()) {
+        s.params = load_tuning(a.tuning);
+        tuning_name = a.tuning;
+    } else if (!a.params.empty()) {
+        s.params = load_block(a.params);
+        tuning_name = a.params + " (parameter block)";
+        for (const std::string &f : params_findings(s.params)) warn(a.params + ": " + f);
+    } else {
+        s.params = builtin_params();
+    }
+    s.device = device;
+    s.mode = mode;
+    s.bypass = a.bypass;
+    s.frames_per_call = a.frames;
+
+    AudioBuffer in;
+    if (!audio_read(a.in, format, in, error)) failure(error);
+    if (in.channels > 2)
+        failure(a.in + ": " + std::to_string(in.channels) + " channels; the effect processes stereo (or mono, duplicated)");
+    if (in.channels == 1) {
+        note(a.in + " is mono: both channels of the effect get it, and the output is stereo");
+        audio_mono_to_stereo(in);
+    }
+    if (!effect_rate_supported(in.rate))
+        warn(a.in + " is at " + std::to_string(in.rate) +
+             " Hz: THE EFFECT DOES NOT PROCESS THIS RATE (it takes 44050 to 48050 Hz); the output will be "
+             "the input unchanged");
+    if (!out_note.empty()) note(out_note);
+
+    LoadedLibrary l;
+    open_library(l);
+    AudioBuffer out;
+    RunReport report;
+    s.progress = progress_bar("processing");
+    bool ok;
+    {
+        StdoutMuffle muffle(!g_opt.verbose);
+        ok = effect_run(l.lib, in, s, out, report, error);
+    }
+    if (!ok) failure(error);
+    if (!report.processing) explain_passthrough(report, a);
+    if (!audio_write(a.out, out, error)) failure(error);
+    say(run_report(a.in, a.out, tuning_name, a, l.lib, report));
+    return 0;
+}
+
+/* ---- design ---------------------------------------------------------------------------------- */
+
+struct DesignArgs {
+    std::string tuning, plot, taps, csv;
+    int rate = 48000;
+};
+
+std::string design_summary(const DesignView &v, const std::string &name) {
+    std::ostringstream o;
+    o << "sorn-hp design: " << name << " at " << v.rate << " Hz (513 minimum-phase taps)\n";
+    o << "  frequency   requested   achieved\n";
+    for (double f : {31.25, 62.5, 125.0, 250.0, 500.0, 1000.0, 2000.0, 4000.0, 8000.0, 16000.0}) {
+        size_t best = 0;
+        for (size_t i = 0; i < v.freq_hz.size(); ++i)
+            if (std::fabs(std::log(v.freq_hz[i] / f)) < std::fabs(std::log(v.freq_hz[best] / f))) best = i;
+        o << fmt("  %6.0f Hz   %+6.2f dB   %+6.2f dB\n", v.freq_hz[best], v.requested_db[best], v.achieved_db[best]);
+    }
+    o << fmt("  largest deviation %.2f dB at %.0f Hz (20 Hz to %.0f Hz)\n", v.max_deviation_db,
+             v.max_deviation_hz, v.deviation_limit_hz);
+    return o.str();
+}
+
+DesignView run_design(const LoadedLibrary &l, const sorn_hp_params_t &p, int rate) {
+    DesignView v;
+    std::string error;
+    bool ok;
+    {
+        StdoutMuffle muffle(!g_opt.verbose);
+        ok = design_view_run(l.lib, p, rate, v, error);
+    }
+    if (!ok) failure(error);
+    return v;
+}
+
+std::string plot_title(const std::string &name, const DesignView &v) {
+    return fmt("%s at %d Hz: largest deviation %.2f dB at %.0f Hz", name.c_str(), v.rate, v.max_deviation_db,
+               v.max_deviation_hz);
+}
+
+int cmd_design(const DesignArgs &a) {
+    if (!effect_rate_supported(a.rate))
+        usage_error("--rate " + std::to_string(a.rate) + ": the effect designs only for 44050 to 48050 Hz");
+    if (!a.plot.empty() && !plot_name_supported(a.plot)) usage_error(a.plot + ": a plot must be named .png or .svg");
+    std::vector<std::string> outs;
+    for (const std::string *o : {&a.plot, &a.taps, &a.csv})
+        if (!o->empty()) outs.push_back(*o);
+    std::vector<std::string> inputs;
+    if (!a.tuning.empty()) inputs.push_back(a.tuning);
+    check_outputs(outs, inputs);
+
+    const std::string name = a.tuning.empty() ? "built-in example" : a.tuning;
+    sorn_hp_params_t p = a.tuning.empty() ? builtin_params() : load_tuning(a.tuning);
+    LoadedLibrary l;
+    open_library(l);
+    DesignView v = run_design(l, p, a.rate);
+    for (const std::string &w : v.warnings) warn(w);
+    std::string error;
+    std::vector<std::string> written;
+    if (!a.taps.empty()) {
+        if (!write_taps(v, a.taps, error)) failure(error);
+        written.push_back(a.taps);
+    }
+    if (!a.csv.empty()) {
+        if (!write_response_csv(v, a.csv, error)) failure(error);
+        written.push_back(a.csv);
+    }
+    std::string plot_message;
+    if (!a.plot.empty()) {
+        PlotResult pr;
+        if (!plot_response(v, a.plot, plot_title(name, v), find_gnuplot(), pr, error)) failure(error);
+        if (pr.rendered)
+            written.push_back(a.plot);
+        else
+            plot_message = pr.message;
+    }
+    std::string s = design_summary(v, name);
+    for (const std::string &w : written) s += "  wrote " + w + "\n";
+    say(s);
+    if (!plot_message.empty()) note(plot_message);
+    return 0;
+}
+
+/* ---- params ---------------------------------------------------------------------------------- */
+
+struct ParamsArgs {
+    std::string file, out;
+    bool decode = false;
+};
+
+int cmd_params(const ParamsArgs &a) {
+    if (!a.decode && a.out.empty()) usage_error("params needs -o BLOCK.bin (or --decode BLOCK.bin)");
+    if (!a.out.empty()) check_outputs({a.out}, {a.file});
+    if (a.decode) {
+        sorn_hp_params_t p = load_block(a.file);
+        for (const std::string &f : params_findings(p)) warn(a.file + ": " + f);
+        std::string json = tuning_to_json(p);
+        if (a.out.empty()) {
+            std::fputs(json.c_str(), stdout);  // the requested output: shown even with -q
+        } else {
+            write_file(a.out, json.data(), json.size());
+            say("wrote " + a.out + " (" + groups_summary(p) + ")\n");
+        }
+        return 0;
+    }
+    sorn_hp_params_t p = load_tuning(a.file);
+    auto bytes = params_to_bytes(p);
+    write_file(a.out, bytes.data(), bytes.size());
+    say("wrote " + a.out + " (" + std::to_string(bytes.size()) + " bytes: " + groups_summary(p) + ")\n");
+    return 0;
+}
+
+/* ---- import-graphiceq ------------------------------------------------------------------------ */
+
+struct ImportArgs {
+    std::string file, out, group = "hp";
+    bool surround = false;
+};
+
+int cmd_import(const ImportArgs &a) {
+    std::optional<Group> group;
+    for (Group g : kGroups)
+        if (a.group == group_name(g)) group = g;
+    if (!group) usage_error("--group must be lc, hp or ea, not " + a.group);
+    if (a.out.empty()) usage_error("import-graphiceq needs -o TUNING.json");
+    check_outputs({a.out}, {a.file});
+
+    GraphicEqParse parsed = graphiceq_parse(read_file(a.file), a.file);
+    if (!parsed.ok) failure(parsed.error);
+    for (const std::string &n : parsed.notes) note(n);
+
+    LoadedLibrary l;
+    open_library(l);
+    Interpolant interp;
+    std::string error;
+    if (!interpolant_from_library(l.lib, interp, error)) failure(error);
+    const int count = group_points(*group);
+    GroupFit fit = graphiceq_fit(parsed.points, count, interp);
+
+    sorn_hp_params_t p{};
+    group_switch(p, *group) = 1;
+    for (int i = 0; i < count; ++i) {
+        group_freq(p, *group)[i] = fit.freq[i];
+        group_gain(p, *group)[i] = fit.gain[i];
+    }
+    p.ss = a.surround ? 1 : 0;
+    if (a.surround && *group != Group::lc)
+        note("the effect turns surround on only while the lc group is on; it stays off with this tuning");
+    std::string json = tuning_to_json(p);
+    write_file(a.out, json.data(), json.size());
+    if (fit.limited_points)
+        warn(fmt("%d of %zu input points lie outside the effect's -6..+7 dB and were limited", fit.limited_points,
+                 parsed.points.size()));
+    say(fmt("sorn-hp import-graphiceq: %s -> %s\n", a.file.c_str(), a.out.c_str()) +
+        fmt("  fitted %zu points into %s (%d points, %u to %u Hz on a log grid)\n", parsed.points.size(),
+            a.group.c_str(), count, fit.freq.front(), fit.freq.back()) +
+        fmt("  departure from the input: largest %.2f dB at %.0f Hz, RMS %.2f dB\n", fit.max_departure_db,
+            fit.max_departure_hz, fit.rms_departure_db));
+    return 0;
+}
+
+/* ---- info ---------------------------------------------------------------------------------- */
+
+int cmd_info() {
+    LoadedLibrary l;
+    open_library(l);
+    const audio_effect_library_t &a = *l.lib.aeli;
+    const effect_descriptor_t &d = l.lib.descriptor;
+    std::ostringstream o;
+    o << "library      " << l.lib.resolved_path << "\n";
+    o << fmt("  record     AELI, tag 'AELT', API %s\n", describe_api_version(a.version).c_str());
+    o << "  name       " << (a.name ? a.name : "(none)") << "\n";
+    o << "  version    " << (a.implementor ? a.implementor : "(none)") << "\n";
+    o << "effect       " << std::string(d.name, strnlen(d.name, sizeof d.name)) << "\n";
+    o << "  implementor " << std::string(d.implementor, strnlen(d.implementor, sizeof d.implementor)) << "\n";
+    o << "  uuid       " << uuid_to_string(d.uuid) << "\n";
+    o << "  type       " << uuid_to_string(d.type) << "\n";
+    o << "  API        " << describe_api_version(d.apiVersion) << "\n";
+    o << fmt("  flags      0x%08X: ", d.flags) << describe_effect_flags(d.flags) << "\n";
+    o << fmt("  cpu load   %u (0.1 MIPS), memory %u KB\n", d.cpuLoad, d.memoryUsage);
+    std::fputs(o.str().c_str(), stdout);  // the requested output: shown even with -q
+    return 0;
+}
+
+/* ---- demo ---------------------------------------------------------------------------------- */
+
+int cmd_demo(const std::string &dir) {
+    const std::string program = dir + "/program.wav", processed = dir + "/processed.wav",
+                      plot = dir + "/response.png", tuning = dir + "/tuning.json", block = dir + "/params.bin";
+    check_outputs({program, processed, plot, tuning, block}, {});
+    make_dir(dir);
+    const int rate = 48000;
+    const sorn_hp_params_t p = builtin_params();
+
+    LoadedLibrary l;
+    open_library(l);
+    AudioBuffer in = demo_program(rate), out;
+    RunSettings s;
+    s.params = p;
+    s.progress = progress_bar("processing");
+    RunReport report;
+    std::string error;
+    bool ok;
+    {
+        StdoutMuffle muffle(!g_opt.verbose);
+        ok = effect_run(l.lib, in, s, out, report, error);
+    }
+    if (!ok) failure(error);
+    if (!report.processing) failure("the effect did not process the demo: " + report.status_text);
+    DesignView v = run_design(l, p, rate);
+
+    std::string json = tuning_to_json(p);
+    auto bytes = params_to_bytes(p);
+    write_file(tuning, json.data(), json.size());
+    write_file(block, bytes.data(), bytes.size());
+    if (!audio_write(program, in, error) || !audio_write(processed, out, error)) failure(error);
+    PlotResult pr;
+    if (!plot_response(v, plot, plot_title("built-in example", v), find_gnuplot(), pr, error)) failure(error);
+
+    RunArgs shown;
+    std::ostringstream o;
+    o << "sorn-hp demo: the built-in tuning through " << l.lib.descriptor.name << "\n\nprogram\n";
+    for (const DemoSection &sec : demo_sections())
+        o << fmt("  %5.1f s  %s\n", sec.start_s, sec.what.c_str());
+    o << "\n" << run_report(program, processed, "built-in example (" + groups_summary(p) + ")", shown, l.lib, report);
+    o << "\n" << design_summary(v, "built-in example");
+    for (const std::string &w : v.warnings) o << "  warning: " << w << "\n";
+    o << "\nfiles in " << dir << "\n";
+    o << "  program.wav    the synthesized input\n  processed.wav  the effect's output, aligned with the input\n";
+    o << (pr.rendered ? "  response.png   requested and achieved response\n"
+                      : "  response.dat/.gp  plot data and script (" + pr.message + ")\n");
+    o << "  tuning.json    the built-in tuning, a starting point for your own\n";
+    o << "  params.bin     the same as the 292-byte parameter block a client sends\n";
+    say(o.str());
+    return 0;
+}
+
+/* ---- command line ------------------------------------------------------------------------- */
+
+void set_log_level() {
+    __android_log_set_minimum_priority(g_opt.verbose ? ANDROID_LOG_DEBUG
+                                       : g_opt.quiet ? ANDROID_LOG_ERROR
+                                                     : ANDROID_LOG_WARN);
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    CLI::App app{"sorn-hp: run, design and tune the SORN HP headphone effect on a workstation"};
+    app.fallthrough();
+    app.require_subcommand(1);
+    app.add_option("--lib", g_opt.lib, "Effect library to load (default: $SORN_HP_LIB, else the built one)");
+    app.add_flag("-q,--quiet", g_opt.quiet, "Print nothing but errors");
+    app.add_flag("-v,--verbose", g_opt.verbose, "Also show the library's own log and diagnostic lines");
+    app.add_flag("-y,--yes", g_opt.yes, "Overwrite outputs that exist");
+    app.footer("Exit status: 0 success, 1 usage error, 2 processing error.\n"
+               "Example:\n  sorn-hp demo out/demo\n  sorn-hp run song.flac song-hp.wav --tuning my.json");
+
+    RunArgs run;
+    auto *c_run = app.add_subcommand("run", "Run an audio file through the effect as Android does");
+    c_run->add_option("IN", run.in, "Input audio (WAV, FLAC or anything libsndfile reads)")->required();
+    c_run->add_option("OUT", run.out, "Output audio; its extension picks the container")->required();
+    c_run->add_option("--tuning", run.tuning, "Tuning file (default: the built-in example)");
+    c_run->add_option("--params", run.params, "A 292-byte parameter block instead of a tuning");
+    c_run->add_option("--device", run.device, "Output device: " + device_names() + ", or a number")->capture_default_str();
+    c_run->add_option("--format", run.format, "Buffer format the effect is configured for: float, 16 or 32")->capture_default_str();
+    c_run->add_option("--frames", run.frames, "Frames per process call")->capture_default_str();
+    c_run->add_option("--mode", run.mode, "Audio mode: " + audio_mode_names() + ", or a number")->capture_default_str();
+    c_run->add_flag("--bypass", run.bypass, "Send the client's bypass setting");
+    c_run->footer("Example:\n  sorn-hp run song.flac song-hp.wav --tuning my.json --device bt-a2dp");
+
+    std::string demo_dir = "sorn-hp-demo";
+    auto *c_demo = app.add_subcommand("demo", "Synthesize a program, run it with the built-in tuning, plot, report");
+    c_demo->add_option("DIR", demo_dir, "Folder for the results")->capture_default_str();
+    c_demo->footer("Example:\n  sorn-hp demo out/demo");
+
+    DesignArgs design;
+    auto *c_design = app.add_subcommand("design", "Show the response the library designs for a tuning");
+    c_design->add_option("FILE", design.tuning, "Tuning file (default: the built-in example)");
+    c_design->add_option("--rate", design.rate, "Sample rate in Hz")->capture_default_str();
+    c_design->add_option("--plot", design.plot, "Plot to write (.png or .svg)");
+    c_design->add_option("--taps", design.taps, "The 513 Q23 taps as text");
+    c_design->add_option("--csv", design.csv, "Requested and achieved response as CSV");
+    c_design->footer("Example:\n  sorn-hp design my.json --rate 44100 --plot my.png --csv my.csv");
+
+    ParamsArgs params;
+    auto *c_params = app.add_subcommand("params", "Tuning file to 292-byte parameter block, or back with --decode");
+    c_params->add_option("FILE", params.file, "Tuning file, or with --decode a parameter block")->required();
+    c_params->add_option("-o,--output", params.out, "File to write: the block, or with --decode the tuning (stdout when omitted)");
+    c_params->add_flag("--decode", params.decode, "Read a parameter block and write its tuning");
+    c_params->footer("Example:\n  sorn-hp params my.json -o my.bin\n  sorn-hp params --decode captured.bin -o captured.json");
+
+    ImportArgs import;
+    auto *c_import = app.add_subcommand("import-graphiceq", "Fit a \"GraphicEQ: f g; ...\" text into a tuning group");
+    c_import->add_option("FILE", import.file, "GraphicEQ text file")->required();
+    c_import->add_option("-o,--output", import.out, "Tuning file to write")->required();
+    c_import->add_option("--group", import.group, "Group to fill: lc, hp or ea")->capture_default_str();
+    c_import->add_flag("--surround", import.surround, "Turn the stereo surround on");
+    c_import->footer("Example:\n  sorn-hp import-graphiceq headphone.txt -o headphone.json");
+
+    auto *c_info = app.add_subcommand("info", "Show the library's descriptor and where it was loaded from");
+    c_info->footer("Example:\n  sorn-hp info --lib /vendor/lib64/soundfx/libsorn_hp_sfx_aw.so");
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp &e) {
+        return app.exit(e);
+    } catch (const CLI::CallForAllHelp &e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError &e) {
+        app.exit(e);
+        return kUsage;
+    }
+    if (g_opt.quiet && g_opt.verbose) {
+        std::fprintf(stderr, "sorn-hp: error: -q and -v contradict each other\n");
+        return kUsage;
+    }
+    set_log_level();
+    try {
+        if (c_run->parsed()) return cmd_run(run);
+        if (c_demo->parsed()) return cmd_demo(demo_dir);
+        if (c_design->parsed()) return cmd_design(design);
+        if (c_params->parsed()) return cmd_params(params);
+        if (c_import->parsed()) return cmd_import(import);
+        if (c_info->parsed()) return cmd_info();
+    } catch (const Exit &e) {
+        std::fprintf(stderr, "sorn-hp: error: %s\n", e.message.c_str());
+        return e.code;
+    }
+    return kUsage;
+}
