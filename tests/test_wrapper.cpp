@@ -224,19 +224,13 @@ TEST(WrapperSwitch, ThreeOldBlocksThenALinearCrossFadeThenTheNewChain) {
 TEST(WrapperSwitch, ASecondChangeDuringASwitchRestartsTheCount) {
     Wrapper w(48000, 2);
     set(w, 1, 0);
-    Samples block = noise(240, 1 << 20, 6);
     set(w, 1, 1);
-    for (int b = 0; b < 2; ++b) sorn_hp_wrapper_process(w.w, block.data(), 240 * 8);
-    set(w, 0, 0);
-    EXPECT_EQ(w->switch_count, 4);
-    for (int b = 0; b < 4; ++b) {
-        EXPECT_EQ(w->state, 3) << "block " << b;
-        sorn_hp_wrapper_process(w.w, block.data(), 240 * 8);
+    const Samples block = noise(240, 1 << 20, 6);
+    for (int b = 0; b < 6; ++b) {
+        if (b == 2) set(w, 0, 0);
+        run(w, block, {240});
+        EXPECT_EQ(w->state, b < 5 ? 3 : 2) << "after block " << b;
     }
-    EXPECT_EQ(w->state, 2);
-    sorn_hp_status_t status{};
-    sorn_hp_wrapper_get_parameters(w.w, &status);
-    EXPECT_EQ(status.state, 2);
 }
 
 // A wrapper whose active chain mutes everything: FIR on with all taps zero.
@@ -262,29 +256,21 @@ TEST(WrapperMute, TripsAfterFifteenAudibleBlocksTurnedToSilenceThenPassesThrough
     EXPECT_EQ(run(w, loud, {240}), loud);
 }
 
-TEST(WrapperMute, SilentInputRestartsBothCounts) {
-    Wrapper w(48000, 2);
-    mute_active_chain(w);
+TEST(WrapperMute, SilentInputOrAudibleOutputRestartsTheCounts) {
     const Samples loud = noise(240, 1 << 20, 7);
-    for (int b = 0; b < 14; ++b) run(w, loud, {240});
-    EXPECT_EQ(w->in_active_blocks, 14);
-    EXPECT_EQ(w->out_silent_blocks, 14);
-    run(w, Samples(480, 0), {240});  // both counts restart; this block's own silence counts
-    EXPECT_EQ(w->in_active_blocks, 0);
-    EXPECT_EQ(w->out_silent_blocks, 1);
-    for (int b = 0; b < 14; ++b) run(w, loud, {240});
-    EXPECT_EQ(w->enable, 1);
-}
+    Wrapper muting(48000, 2), normal(48000, 2);
+    mute_active_chain(muting);
+    for (int b = 0; b < 14; ++b) run(muting, loud, {240});
+    EXPECT_EQ(muting->in_active_blocks, 14);
+    EXPECT_EQ(muting->out_silent_blocks, 14);
+    run(muting, Samples(480, 0), {240});  // both counts restart; this block's own silence counts
+    EXPECT_EQ(muting->in_active_blocks, 0);
+    EXPECT_EQ(muting->out_silent_blocks, 1);
 
-TEST(WrapperMute, AnAudibleOutputBlockRestartsTheSilentCount) {
-    Wrapper w(48000, 2);
-    set(w, 1, 0);
-    const Samples loud = noise(240, 1 << 20, 8);
-    for (int b = 0; b < 2; ++b) run(w, loud, {240});  // the compressor's look-ahead: silent
-    EXPECT_EQ(w->out_silent_blocks, 2);
-    run(w, loud, {240});
-    EXPECT_EQ(w->out_silent_blocks, 0);
-    EXPECT_EQ(w->in_active_blocks, 3);
+    set(normal, 1, 0);
+    for (int b = 0; b < 3; ++b) run(normal, loud, {240});  // the first two outputs are silent
+    EXPECT_EQ(normal->in_active_blocks, 3);
+    EXPECT_EQ(normal->out_silent_blocks, 0);
 }
 
 TEST(WrapperReset, KeepsLatencyAndFramingPhase) {
@@ -315,39 +301,6 @@ TEST(WrapperProcess, AllocatesNothingAfterInit) {
     for (int k = 0; k < 500; ++k) sorn_hp_wrapper_process(w.w, buf.data(), (rng() % 1024 + 1) * 8);
     EXPECT_EQ(allocations.count(), 0);
     EXPECT_EQ(w->state, 2);
-}
-
-TEST(WrapperInit, AnyFailedAllocationGivesABypassedWrapperAndLeaksNothing) {
-    using sorn_test::AllocCounter;
-    if (!AllocCounter::available()) GTEST_SKIP() << "allocation counting unavailable";
-    sorn_hp_wrapper_deinit(sorn_hp_wrapper_init(48000, 3, 2));  // first-use allocations
-    AllocCounter counter;
-    sorn_hp_wrapper_deinit(sorn_hp_wrapper_init(48000, 3, 2));
-    const long long allocations = counter.count();
-    Samples buf = noise(300, 1 << 28, 12);
-    const Samples in = buf;
-    for (long long k = 0; k < allocations; ++k) {
-        const long long live = AllocCounter::live();
-        AllocCounter::fail_after(k);
-        auto* w = static_cast<sorn_hp_wrapper_t*>(sorn_hp_wrapper_init(48000, 3, 2));
-        AllocCounter::fail_after(-1);
-        if (k == 0) {
-            EXPECT_EQ(w, nullptr);
-        }
-        if (w != nullptr) {
-            sorn_hp_params_t p{};
-            sorn_hp_wrapper_set_parameters(w, &p);
-            sorn_hp_wrapper_process(w, buf.data(), buf.size() * 4);
-            // A missing chain leaves its blocks out; anything else missing means bypass.
-            EXPECT_TRUE(w->state == 0 || w->effect_active == nullptr || w->effect_standby == nullptr) << k;
-        }
-        if (w == nullptr || w->state == 0) {
-            EXPECT_EQ(buf, in) << "allocation " << k << " failed";
-        }
-        sorn_hp_wrapper_deinit(w);
-        buf = in;
-        EXPECT_EQ(AllocCounter::live(), live) << "allocation " << k << " failed";
-    }
 }
 
 }  // namespace

@@ -29,24 +29,16 @@ struct Ring {
 
 using V = std::vector<int32_t>;
 
-TEST(RingBuffer, KeepsOrderAcrossTheWrapAndReadsZeroWhenEmpty) {
+TEST(RingBuffer, KeepsOrderDropsTheOldestWhenFullAndReadsZeroWhenEmpty) {
     Ring r(32, 4);
     EXPECT_EQ(r.read(1), V{0});
-    EXPECT_EQ(r.rb.fill, 0);
     r.write({1, 2, 3});
     EXPECT_EQ(r.read(2), (V{1, 2}));
     r.write({4, 5, 6});  // wraps
     EXPECT_EQ(r.read(5), (V{3, 4, 5, 6, 0}));
     EXPECT_EQ(r.rb.fill, 0);
-    EXPECT_EQ(r.rb.read_pos, r.rb.write_pos);
-    r.write({8});
-    EXPECT_EQ(r.read(1), V{8});
-}
-
-TEST(RingBuffer, OverflowDropsTheOldestElements) {
     for (const auto& writes : {std::vector<V>{{1, 2, 3, 4, 5, 6, 7}}, {{1, 2}, {3, 4, 5, 6, 7}},
                                {{1, 2, 3}, {4}, {5, 6}, {7}}}) {
-        Ring r(32, 4);
         for (const auto& w : writes) r.write(w);
         EXPECT_EQ(r.rb.fill, 4);
         EXPECT_EQ(r.rb.read_pos, r.rb.write_pos);
@@ -55,27 +47,20 @@ TEST(RingBuffer, OverflowDropsTheOldestElements) {
 }
 
 TEST(RingBuffer, MovesElementsOfTheirKindBitForBitAndIgnoresUnknownKinds) {
-    Ring r16(16, 3);
-    int16_t in16[4] = {-1, 32767, -32768, 99};
-    int16_t out16[4] = {5, 5, 5, 5};
+    Ring r16(16, 3), r48(48, 2), r24(24, 4);
+    int16_t in16[4] = {-1, 32767, -32768, 99}, out16[4] = {5, 5, 5, 5};
     sorn_ringbuf_write(&r16.rb, in16, 3);
     sorn_ringbuf_read(&r16.rb, out16, 3);
     EXPECT_EQ(std::vector<int16_t>(out16, out16 + 4), (std::vector<int16_t>{-1, 32767, -32768, 5}));
-
-    Ring r48(48, 2);
     float inf[2] = {-0.0f, std::nanf("0x123")}, outf[2] = {1.0f, 1.0f};
     sorn_ringbuf_write(&r48.rb, inf, 2);
     sorn_ringbuf_read(&r48.rb, outf, 2);
     EXPECT_EQ(std::memcmp(inf, outf, sizeof inf), 0);
-
-    Ring r24(24, 4), r32(32, 4);
     r24.write({1, 2});
-    r32.write({1});
-    r32.write({});
-    sorn_ringbuf_read(&r32.rb, nullptr, 0);
     EXPECT_EQ(r24.read(1), V{-7});
     EXPECT_EQ(r24.rb.fill, 0);
-    EXPECT_EQ(r32.rb.fill, 1);
+    r48.write({});
+    EXPECT_EQ(r48.rb.fill, 0);
 }
 
 TEST(WrapperConversions, RoundAndSaturateAtTheLimits) {
