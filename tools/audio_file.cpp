@@ -132,7 +132,9 @@ bool audio_read(const std::string &path, SampleFormat format, AudioBuffer &out, 
         return false;
     }
     audio_allocate(out, info.samplerate, info.channels, info.frames, format);
-    // Integer reads give full-scale values; a float file beyond +-1 is clipped rather than wrapped.
+    // Float files read as integers are scaled to full scale (libsndfile would truncate them
+    // to tiny values otherwise); values beyond +-1 are clipped rather than wrapped.
+    sf_command(f, SFC_SET_SCALE_FLOAT_INT_READ, nullptr, SF_TRUE);
     sf_command(f, SFC_SET_CLIPPING, nullptr, SF_TRUE);
     sf_count_t got = 0;
     switch (format) {
@@ -210,6 +212,7 @@ bool audio_write(const std::string &path, const AudioBuffer &buf, std::string &e
         error = path + ": cannot write audio: " + sf_strerror(nullptr);
         return false;
     }
+    sf_command(f, SFC_SET_SCALE_INT_FLOAT_WRITE, nullptr, SF_TRUE);
     sf_command(f, SFC_SET_CLIPPING, nullptr, SF_TRUE);
     sf_count_t put = 0;
     switch (buf.format) {

@@ -239,7 +239,7 @@ std::string run_report(const std::string &in, const std::string &out, const std:
     o << "  library      " << lib.resolved_path << "\n";
     o << "  tuning       " << tuning_name << "\n";
     o << fmt("  stream       %d Hz, stereo, %s, %zu frames per call, %s, %s mode\n", r.rate,
-             a.format.c_str(), a.frames, a.device.c_str(), a.mode.c_str());
+             sample_format_name(parse_format(a.format)), a.frames, a.device.c_str(), a.mode.c_str());
     o << fmt("  duration     %.3f s (%lld frames)\n", seconds, static_cast<long long>(r.frames));
     if (r.processing)
         o << fmt("  latency      %d frames (%.2f ms), compensated: output lines up with input\n", r.latency,
@@ -257,8 +257,8 @@ std::string run_report(const std::string &in, const std::string &out, const std:
 /* Why the effect left the audio alone, from its own status. */
 void explain_passthrough(const RunReport &r, const RunArgs &a) {
     std::string why;
-    if (!effect_rate_supported(r.rate) || r.status_check == 0)
-        why = std::to_string(r.rate) + " Hz is a rate the effect does not process (it takes 44050 to 48050 Hz)";
+    if (r.status_check == 0)
+        why = "the effect's processing is switched off for this stream";
     else if (a.bypass)
         why = "--bypass is on";
     else
@@ -325,7 +325,7 @@ int cmd_run(const RunArgs &a) {
         ok = effect_run(l.lib, in, s, out, report, error);
     }
     if (!ok) failure(error);
-    if (!report.processing) explain_passthrough(report, a);
+    if (!report.processing && effect_rate_supported(in.rate)) explain_passthrough(report, a);
     if (!audio_write(a.out, out, error)) failure(error);
     say(run_report(a.in, a.out, tuning_name, a, l.lib, report));
     return 0;
@@ -586,7 +586,7 @@ int main(int argc, char **argv) {
     app.add_flag("-v,--verbose", g_opt.verbose, "Also show the library's own log and diagnostic lines");
     app.add_flag("-y,--yes", g_opt.yes, "Overwrite outputs that exist");
     app.footer("Exit status: 0 success, 1 usage error, 2 processing error.\n"
-               "Example:\n  sorn-hp demo out/demo\n  sorn-hp run song.flac song-hp.wav --tuning my.json");
+               "Example:\n  sorn-hp demo out/demo\n  sorn-hp run song.flac song-hp.wav --tuning my.json\n");
 
     RunArgs run;
     auto *c_run = app.add_subcommand("run", "Run an audio file through the effect as Android does");
@@ -599,12 +599,12 @@ int main(int argc, char **argv) {
     c_run->add_option("--frames", run.frames, "Frames per process call")->capture_default_str();
     c_run->add_option("--mode", run.mode, "Audio mode: " + audio_mode_names() + ", or a number")->capture_default_str();
     c_run->add_flag("--bypass", run.bypass, "Send the client's bypass setting");
-    c_run->footer("Example:\n  sorn-hp run song.flac song-hp.wav --tuning my.json --device bt-a2dp");
+    c_run->footer("Example:\n  sorn-hp run song.flac song-hp.wav --tuning my.json --device bt-a2dp\n");
 
     std::string demo_dir = "sorn-hp-demo";
     auto *c_demo = app.add_subcommand("demo", "Synthesize a program, run it with the built-in tuning, plot, report");
     c_demo->add_option("DIR", demo_dir, "Folder for the results")->capture_default_str();
-    c_demo->footer("Example:\n  sorn-hp demo out/demo");
+    c_demo->footer("Example:\n  sorn-hp demo out/demo\n");
 
     DesignArgs design;
     auto *c_design = app.add_subcommand("design", "Show the response the library designs for a tuning");
@@ -613,14 +613,14 @@ int main(int argc, char **argv) {
     c_design->add_option("--plot", design.plot, "Plot to write (.png or .svg)");
     c_design->add_option("--taps", design.taps, "The 513 Q23 taps as text");
     c_design->add_option("--csv", design.csv, "Requested and achieved response as CSV");
-    c_design->footer("Example:\n  sorn-hp design my.json --rate 44100 --plot my.png --csv my.csv");
+    c_design->footer("Example:\n  sorn-hp design my.json --rate 44100 --plot my.png --csv my.csv\n");
 
     ParamsArgs params;
     auto *c_params = app.add_subcommand("params", "Tuning file to 292-byte parameter block, or back with --decode");
     c_params->add_option("FILE", params.file, "Tuning file, or with --decode a parameter block")->required();
     c_params->add_option("-o,--output", params.out, "File to write: the block, or with --decode the tuning (stdout when omitted)");
     c_params->add_flag("--decode", params.decode, "Read a parameter block and write its tuning");
-    c_params->footer("Example:\n  sorn-hp params my.json -o my.bin\n  sorn-hp params --decode captured.bin -o captured.json");
+    c_params->footer("Example:\n  sorn-hp params my.json -o my.bin\n  sorn-hp params --decode captured.bin -o captured.json\n");
 
     ImportArgs import;
     auto *c_import = app.add_subcommand("import-graphiceq", "Fit a \"GraphicEQ: f g; ...\" text into a tuning group");
@@ -628,10 +628,10 @@ int main(int argc, char **argv) {
     c_import->add_option("-o,--output", import.out, "Tuning file to write")->required();
     c_import->add_option("--group", import.group, "Group to fill: lc, hp or ea")->capture_default_str();
     c_import->add_flag("--surround", import.surround, "Turn the stereo surround on");
-    c_import->footer("Example:\n  sorn-hp import-graphiceq headphone.txt -o headphone.json");
+    c_import->footer("Example:\n  sorn-hp import-graphiceq headphone.txt -o headphone.json\n");
 
     auto *c_info = app.add_subcommand("info", "Show the library's descriptor and where it was loaded from");
-    c_info->footer("Example:\n  sorn-hp info --lib /vendor/lib64/soundfx/libsorn_hp_sfx_aw.so");
+    c_info->footer("Example:\n  sorn-hp info --lib /vendor/lib64/soundfx/libsorn_hp_sfx_aw.so\n");
 
     try {
         app.parse(argc, argv);

@@ -1,6 +1,7 @@
 #include "tools/tuning.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
@@ -335,9 +336,16 @@ TuningResult tuning_from_json(const std::string &text, const std::string &source
     try {
         doc = json::parse(text, std::ref(dup), true, false);
     } catch (const json::parse_error &e) {
+        // The parser counts the whitespace it read past the mistake; point at the last
+        // character before it instead, where an editor shows the problem.
+        size_t at = std::min<size_t>(e.byte, text.size());
+        while (at > 1 && std::isspace(static_cast<unsigned char>(text[at - 1]))) --at;
+        size_t line = 1, column = 0;
+        for (size_t i = 0; i + 1 < at; ++i) column = text[i] == '\n' ? (++line, 0) : column + 1;
         std::string what = e.what();
-        auto at = what.find("] ");
-        r.error = source + ": not valid JSON: " + (at == std::string::npos ? what : what.substr(at + 2));
+        auto colon = what.find(": ", what.find("parse error"));
+        r.error = source + ": not valid JSON near line " + std::to_string(line) + ", column " +
+                  std::to_string(column + 1) + ": " + (colon == std::string::npos ? what : what.substr(colon + 2));
         return r;
     }
     if (!dup.duplicate.empty()) {
