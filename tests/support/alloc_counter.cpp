@@ -20,7 +20,10 @@ namespace {
 std::atomic<long long> g_allocations{0};
 std::atomic<long long> g_live{0};
 std::atomic<long long> g_fail_at{-1};  // allocation number from which on allocations fail
+}
 
+#if SORN_ALLOC_COUNTING
+namespace {
 // Counts one allocation; true when it is to fail.
 bool count_and_fail() {
     const long long n = g_allocations.fetch_add(1, std::memory_order_relaxed);
@@ -32,9 +35,8 @@ void* track(void* p) {
     if (p != nullptr) g_live.fetch_add(1, std::memory_order_relaxed);
     return p;
 }
-}
+}  // namespace
 
-#if SORN_ALLOC_COUNTING
 // glibc's own entry points; the replacements below count and forward to them.
 extern "C" {
 void* __libc_malloc(std::size_t);
