@@ -484,7 +484,7 @@ int cmd_import(const ImportArgs &a) {
         warn(fmt("%d of %zu input points lie outside the effect's -6..+7 dB and were limited", fit.limited_points,
                  parsed.points.size()));
     say(fmt("sorn-hp import-graphiceq: %s -> %s\n", a.file.c_str(), a.out.c_str()) +
-        fmt("  fitted %zu points into %s (%d points, %u to %u Hz on a log grid)\n", parsed.points.size(),
+        fmt("  fitted the %zu input points into %s (%d points, %u to %u Hz on a log grid)\n", parsed.points.size(),
             a.group.c_str(), count, fit.freq.front(), fit.freq.back()) +
         fmt("  departure from the input: largest %.2f dB at %.0f Hz, RMS %.2f dB\n", fit.max_departure_db,
             fit.max_departure_hz, fit.rms_departure_db));
@@ -499,17 +499,17 @@ int cmd_info() {
     const audio_effect_library_t &a = *l.lib.aeli;
     const effect_descriptor_t &d = l.lib.descriptor;
     std::ostringstream o;
-    o << "library      " << l.lib.resolved_path << "\n";
-    o << fmt("  record     AELI, tag 'AELT', API %s\n", describe_api_version(a.version).c_str());
-    o << "  name       " << (a.name ? a.name : "(none)") << "\n";
-    o << "  version    " << (a.implementor ? a.implementor : "(none)") << "\n";
-    o << "effect       " << std::string(d.name, strnlen(d.name, sizeof d.name)) << "\n";
-    o << "  implementor " << std::string(d.implementor, strnlen(d.implementor, sizeof d.implementor)) << "\n";
-    o << "  uuid       " << uuid_to_string(d.uuid) << "\n";
-    o << "  type       " << uuid_to_string(d.type) << "\n";
-    o << "  API        " << describe_api_version(d.apiVersion) << "\n";
-    o << fmt("  flags      0x%08X: ", d.flags) << describe_effect_flags(d.flags) << "\n";
-    o << fmt("  cpu load   %u (0.1 MIPS), memory %u KB\n", d.cpuLoad, d.memoryUsage);
+    o << "library        " << l.lib.resolved_path << "\n";
+    o << fmt("  record       AELI, tag 'AELT', library API %s\n", describe_api_version(a.version).c_str());
+    o << "  name         " << (a.name ? a.name : "(none)") << "\n";
+    o << "  implementor  " << (a.implementor ? a.implementor : "(none)") << "\n";
+    o << "effect         " << std::string(d.name, strnlen(d.name, sizeof d.name)) << "\n";
+    o << "  implementor  " << std::string(d.implementor, strnlen(d.implementor, sizeof d.implementor)) << "\n";
+    o << "  uuid         " << uuid_to_string(d.uuid) << "\n";
+    o << "  type         " << uuid_to_string(d.type) << "\n";
+    o << "  control API  " << describe_api_version(d.apiVersion) << "\n";
+    o << fmt("  flags        0x%08X: ", d.flags) << describe_effect_flags(d.flags) << "\n";
+    o << fmt("  cpu load     %u (0.1 MIPS)\n  memory       %u KB\n", d.cpuLoad, d.memoryUsage);
     std::fputs(o.str().c_str(), stdout);  // the requested output: shown even with -q
     return 0;
 }
