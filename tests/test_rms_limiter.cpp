@@ -1,0 +1,266 @@
+#include "dsp/rms_limiter.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "tests/support/log_capture.h"
+
+/* calloc that fails on request, and a count of the blocks it handed out and nobody freed. */
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#define FAILING_CALLOC 1
+static int g_fail_at = -1;  // calls left before the failing one; -1: never fail
+static std::vector<void *> *g_live = nullptr;
+extern "C" {
+void *__libc_calloc(size_t, size_t);
+void __libc_free(void *);
+void *calloc(size_t n, size_t size) {
+    if (g_fail_at < 0) return __libc_calloc(n, size);
+    if (g_fail_at-- == 0) return nullptr;
+    void *p = __libc_calloc(n, size);
+    g_live->push_back(p);
+    return p;
+}
+void free(void *p) {
+    if (g_live != nullptr) std::erase(*g_live, p);
+    __libc_free(p);
+}
+}
+#endif
+
+namespace {
+
+using Plane = std::vector<int>;
+using Param = sa6_dynamic_processor_param_t;
+constexpr int kBlock = 240;
+const Param kLimiter = {1, 3, -13, 10, 2000, 2000, 1000, 100, 1000, 100, -9, 0, 0, 0.2f};
+
+std::string stdout_of(const std::function<void()> &fn) {
+    testing::internal::CaptureStdout();
+    fn();
+    return testing::internal::GetCapturedStdout();
+}
+
+struct Limiter {
+    rms_limiter_t *lim = nullptr;
+    Limiter() {
+        stdout_of([&] { lim = static_cast<rms_limiter_t *>(rms_limiter_init(48000, 2)); });
+    }
+    ~Limiter() { rms_limiter_deinit(lim); }
+    Plane run(Plane l) {  // same audio on both planes; returns the left one
+        Plane r = l;
+        rms_limiter_process(lim, l.data(), r.data(), static_cast<int>(l.size()));
+        EXPECT_EQ(l, r);
+        return l;
+    }
+};
+
+/* Curve threshold -20 dB, ratio 4, knee width 10 dB; instant detector and ramps, no holds:
+   one block shows the gain the curve asks for. */
+Param instant(int type) { return {1, type, -20, 4, 0, 0, 0, 0, 0, 0, -100, 100, 0, 0.25f}; }
+
+sa6_dynamic_processor_t processor(Param p) {
+    sa6_dynamic_processor_t st;
+    sa6_dynamic_processor_init_f(&st);
+    stdout_of([&] { sa6_dynamic_processor_set_param_f(&st, &p); });
+    return st;
+}
+
+TEST(RmsLimiter, UnityGainMovesSamplesOneStepTowardZero) {
+    Limiter l;
+    Plane in = {1000, -1000, 1, -1, 8388608, -8388608, 0, 5000000, 8000000};
+    in.resize(kBlock);
+    const Plane out = l.run(in);
+    EXPECT_EQ(Plane(out.begin(), out.begin() + 9),
+              (Plane{999, -999, 0, 0, 8388607, -8388607, 0, 4999999, 7999999}));
+    EXPECT_EQ(l.lim->proc_left->gain_current, 1.0f);
+}
+
+Plane square(int amplitude) {
+    Plane x(kBlock);
+    for (int i = 0; i < kBlock; ++i) x[i] = i % 2 ? amplitude : -amplitude;
+    return x;
+}
+
+TEST(RmsLimiter, QuietToneKeptLoudToneReducedAtMost9dBAfterTheHold) {
+    Limiter l;
+    const sa6_dynamic_processor_t &st = *l.lim->proc_left;
+    for (int block = 0; block < 6000; ++block) {  // 30 s at -20 dB RMS: never reduced
+        l.run(square(838861));
+        ASSERT_EQ(st.gain_current, 1.0f) << block;
+    }
+    const float floor_9db = powf(10.0f, -9.0f / 20.0f);
+    const Plane loud = square(5938679);  // -3 dB RMS
+    int fell = -1;
+    for (int block = 0; block < 4000; ++block) {  // 20 s
+        const Plane y = l.run(loud);
+        ASSERT_GE(st.gain_current, floor_9db * (1 - 1e-6f)) << block;
+        if (fell < 0 && st.ramp_state == 1) fell = block;
+        if (fell < 0 || block > fell + 20) continue;
+        // From the block where the target first fell, 4800 samples at one gain; then the ramp,
+        // by at most 1/48000 of the distance per sample.
+        const int level = abs(y[0]);
+        const bool flat = std::all_of(y.begin(), y.end(), [=](int v) { return abs(v) == level; });
+        EXPECT_EQ(flat, block < fell + 20) << block - fell;
+        for (int i = 1; block == fell + 20 && i < kBlock; ++i) {
+            ASSERT_LE(abs(y[i - 1]) - abs(y[i]), 5938679 / 48000 + 1);
+            ASSERT_GE(abs(y[i - 1]) - abs(y[i]), 0);
+        }
+    }
+    ASSERT_GE(fell, 0);
+    EXPECT_NEAR(st.gain_current, floor_9db, 1e-5);  // settled on the 9 dB floor
+}
+
+TEST(RmsLimiter, RefusedAndFailedCreationLeaveNothing) {
+    sorn_test::LogCapture log;
+    EXPECT_EQ(rms_limiter_init(48000, 1), nullptr);
+    EXPECT_EQ(log.count("rms_limiter_init: chnnum 1 unsupported, need to be stereo", 6,
+                        "ORLA_SORN"), 1);
+#ifdef FAILING_CALLOC
+    std::vector<void *> live;
+    live.reserve(8);
+    for (int fail_at = 0; fail_at < 5; ++fail_at) {  // the record, then two processors and params
+        g_live = &live;
+        g_fail_at = fail_at;
+        EXPECT_EQ(rms_limiter_init(48000, 2), nullptr) << fail_at;
+        g_fail_at = -1;
+        g_live = nullptr;
+        EXPECT_TRUE(live.empty()) << fail_at;
+    }
+#endif
+}
+
+TEST(DynamicProcessor, ConfigurationAndItsStatusLines) {
+    sa6_dynamic_processor_t st;
+    sa6_dynamic_processor_init_f(&st);
+    EXPECT_NEAR(st.det_attack_coef, 0.108749f, 1e-6f);
+    EXPECT_NEAR(st.det_release_coef, 0.0559391f, 1e-7f);
+    Param p = kLimiter, back{};
+    p.enable_flag = 7;
+    EXPECT_EQ(stdout_of([&] { sa6_dynamic_processor_set_param_f(&st, &p); }),
+              "[SA6_SBS]sa6_dynamic_processor_set_param_f:enable_flag is 7\n");
+    EXPECT_NEAR(st.det_attack_coef, 0.0057399f, 1e-7f);
+    EXPECT_FLOAT_EQ(st.knee_width, 5.2f);
+    sa6_dynamic_processor_get_param_f(&st, &back);
+    EXPECT_EQ(0, memcmp(&back, &p, sizeof p));
+
+    int32_t q[14] = {1, 4, -425984, 131072, 3276800, 6553600, 32768, 0, 65536, 16384,
+                     -24576, 8192, 4096, 6554}, q_back[14];
+    EXPECT_TRUE(stdout_of([&] { sa6_dynamic_processor_set_param_acdb_f(&st, q); })
+                    .starts_with("[SA6_SBS]sa6_dynamic_processor_set_param_acdb_f:enable_flag "
+                                 "is 1\n[SA6_SBS]type:4 threshold:-13.000000 ratio:4.000000 "));
+    EXPECT_EQ(st.gain_min, -3.0f);  // Q13, the times and levels Q15
+    sa6_dynamic_processor_get_param_acdb_f(&st, q_back);
+    EXPECT_EQ(0, memcmp(q, q_back, sizeof q));
+}
+
+/* The gain curve in dB, evaluated straight from its definition. */
+double curve_db(int type, double L, double T, double R, double W) {
+    const double u = L - T, up = (u + W / 2) * (u + W / 2), down = (u - W / 2) * (u - W / 2);
+    if (type == 3 || type == 4) {
+        return 2 * u > W ? T + u / R - L : 2 * u > -W ? (1 / R - 1) * up / (2 * W) : 0;
+    }
+    if (type == 1 || type == 2) {
+        return 2 * u <= -W ? T + u / R - L : 2 * u <= W ? (1 - 1 / R) * down / (2 * W) : 0;
+    }
+    return 2 * u > W ? T - L : 2 * u > -W ? -up / (2 * W) : 0;
+}
+
+TEST(DynamicProcessor, GainFollowsTheCurveOfEveryKind) {
+    for (int type : {0, 1, 2, 3, 4, 9}) {
+        for (double level_db : {-40.0, -27.0, -23.0, -19.0, -16.0, -12.0, -3.0}) {
+            Param p = instant(type);
+            p.gain_makeup = 1.5f;
+            sa6_dynamic_processor_t st = processor(p);
+            // Every other sample at the level: the peak detector sees it, RMS 3 dB less.
+            const float a = static_cast<float>(pow(10.0, level_db / 20));
+            std::vector<float> x(16);
+            for (size_t i = 0; i < x.size(); i += 2) x[i] = a;
+            sa6_dynamic_processor_process_f(&st, x.data(), x.data(), 16);
+            const double level = (type == 1 || type == 3) ? a / sqrt(2.0) : a;
+            ASSERT_NEAR(st.det_level, level, level * 1e-6);
+            const double g = pow(10.0, (curve_db(type, 20 * log10(level), -20, 4, 10) + 1.5) / 20);
+            EXPECT_NEAR(st.gain_current, g, g * 2e-5) << type << " at " << level_db;
+            EXPECT_EQ(x[14], a * st.gain_current);
+        }
+    }
+}
+
+TEST(DynamicProcessor, SnapsCloseTargetsAndHoldsBeforeFarOnes) {
+    sa6_dynamic_processor_t st = processor(kLimiter);
+    std::vector<float> x(kBlock, 0.001f), y(kBlock);  // far below the knee: target 1.0
+    st.gain_current = 0.9985f;
+    sa6_dynamic_processor_process_f(&st, x.data(), y.data(), kBlock);
+    EXPECT_EQ(st.gain_current, 1.0f);  // within 0.002: taken at once
+    EXPECT_EQ(y, x);
+    sa6_dynamic_processor_reset_f(&st);
+    st.gain_current = 0.997f;
+    sa6_dynamic_processor_process_f(&st, x.data(), y.data(), kBlock);
+    EXPECT_EQ(st.gain_current, 0.997f);  // farther: the 100 ms hold starts
+    for (int held = 4800 - kBlock; held > 0; held -= 1000) {  // counted across blocks
+        std::vector<float> in(1000, 0.001f), out(1000);
+        sa6_dynamic_processor_process_f(&st, in.data(), out.data(), 1000);
+        EXPECT_EQ(out[std::min(held, 1000) - 1], 0.001f * 0.997f);
+        EXPECT_EQ(st.gain_current > 0.997f, held < 1000);  // the ramp starts mid-block
+    }
+    EXPECT_EQ(st.hold_count, 0);
+}
+
+TEST(DynamicProcessor, CrossedLimitsAndAnyBlockLength) {
+    Param crossed = instant(3);
+    crossed.gain_min = -3;  // above gain_max: gain_min wins
+    crossed.gain_max = -6;
+    for (int n = 1; n <= 9; ++n) {
+        sa6_dynamic_processor_t st = processor(crossed);
+        std::vector<float> x(n + 1, 0.01f);
+        x[n] = 123.0f;  // just past the block
+        sa6_dynamic_processor_process_f(&st, x.data(), x.data(), n);
+        EXPECT_EQ(x[n], 123.0f);
+        EXPECT_EQ(st.gain_current, powf(10.0f, -3.0f / 20.0f));
+        for (int i = 0; i < n; ++i) EXPECT_EQ(x[i], 0.01f * st.gain_current) << n;
+        x.assign(n, 0.0f);
+        x.back() = 0.5f;  // the level of the block's last sample counts too
+        float peak, rms;
+        sa6_dynamic_processor_find_current_max_f(x.data(), &peak, &rms, n);
+        EXPECT_EQ(peak, 0.5f);
+        EXPECT_FLOAT_EQ(rms, sqrtf(0.25f / n));
+    }
+}
+
+TEST(DynamicProcessor, DivisorsNeverYieldAnInfiniteGain) {
+    sorn_test::LogCapture log;
+    sa6_dynamic_processor_t st = processor(instant(3));
+    const sa6_dynamic_processor_t before = st;
+    for (float ratio : {0.0f, -2.0f, NAN}) {
+        Param p = instant(1);
+        p.ratio = ratio;
+        EXPECT_EQ(stdout_of([&] { sa6_dynamic_processor_set_param_f(&st, &p); }), "");
+    }
+    EXPECT_EQ(0, memcmp(&before, &st, sizeof st));  // refused whole
+    EXPECT_EQ(log.count_containing("unsupported, parameters unchanged"), 3);
+
+    for (int type : {0, 1, 3}) {
+        for (float knee : {0.0f, -1.0f}) {  // zero and negative knees, ramp and detector times
+            Param p = instant(type);
+            p.knee = p.det_attack = p.det_release = knee;
+            p.gain_attack = p.gain_release = 5 * knee;
+            st = processor(p);
+            EXPECT_EQ(st.knee_width, 0.0f);
+            for (float a : {1e-7f, 0.05f, 0.1f, 0.2f, 3.0f, 0.0f}) {
+                std::vector<float> x(8, a);
+                sa6_dynamic_processor_process_f(&st, x.data(), x.data(), 8);
+                ASSERT_TRUE(std::isfinite(st.gain_current) && st.gain_current > 0) << type << a;
+                ASSERT_TRUE(st.det_level > 0.0f && st.det_level <= 20.0f);  // within the clamps
+                for (float v : x) ASSERT_TRUE(std::isfinite(v));
+            }
+        }
+    }
+}
+
+}  // namespace
