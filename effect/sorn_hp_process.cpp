@@ -101,7 +101,9 @@ void write_output(const sorn_hp_context_t *ctx, const int32_t *w, void *raw, siz
         case AUDIO_FORMAT_PCM_FLOAT: {
             auto *out = static_cast<float *>(raw);
             if (!accumulate) {
-                for (size_t i = 0; i < samples; ++i) out[i] = static_cast<float>(w[i]) * kInt32ToFloat;
+                for (size_t i = 0; i < samples; ++i) {
+                    out[i] = static_cast<float>(w[i]) * kInt32ToFloat;
+                }
                 break;
             }
             for (size_t i = 0; i < samples; ++i) {

@@ -84,7 +84,8 @@ TEST(EffectProcess, LongSilenceFadesOutMutesAndFadesBackIn) {
     sorn_test::LogCapture log;
     Effect fx;
     ASSERT_EQ(fx.configure(AUDIO_FORMAT_PCM_32_BIT), 0);
-    const std::string down = sorn_test::ptr(fx.h) + " rampdown 1", up = sorn_test::ptr(fx.h) + " rampup 0";
+    const std::string down = sorn_test::ptr(fx.h) + " rampdown 1";
+    const std::string up = sorn_test::ptr(fx.h) + " rampup 0";
     std::vector<int32_t> sound(2 * kCall, 1000), silence(2 * 8192), out(2 * 8192);
     ASSERT_EQ(fx.process(sound.data(), out.data(), kCall), -61);
     for (int call = 1; call <= 25; ++call) {
