@@ -103,8 +103,9 @@ TEST(RmsLimiter, QuietToneKeptLoudToneReducedAtMost9dBAfterTheHold) {
         ASSERT_GE(st.gain_current, floor_9db * (1 - 1e-6f)) << block;
         if (fell < 0 && st.ramp_state == 1) fell = block;
         if (fell < 0 || block > fell + 20) continue;
-        // From the block where the target first fell, 4800 samples at one gain; then the ramp,
-        // by at most 1/48000 of the distance per sample.
+        // For 4800 samples from the block where the target first fell, each block keeps one
+        // gain (only moves under 0.002 are taken, at once); then the ramp, by at most 1/48000
+        // of the distance per sample.
         const int level = abs(y[0]);
         const bool flat = std::all_of(y.begin(), y.end(), [=](int v) { return abs(v) == level; });
         EXPECT_EQ(flat, block < fell + 20) << block - fell;
