@@ -144,7 +144,7 @@ extern "C" void fir_process(orla_fir_t *fir, int *in, int *out, int n) {
     int32_t *history = fir->history;
     ne10_fft_cpx_float32_t *time_buf = fir->time_buf;
     ne10_fft_cpx_float32_t *freq_buf = fir->freq_buf;
-    const ne10_fft_cpx_float32_t *spec = fir->filter_spec;
+    const ne10_fft_cpx_float32_t *taps_spectrum = fir->filter_spec;
 
     /* Slide the frame and append the new block; all of in is read before out is written. */
     std::memmove(history, history + n, static_cast<size_t>(size - n) * sizeof(*history));
@@ -158,8 +158,8 @@ extern "C" void fir_process(orla_fir_t *fir, int *in, int *out, int n) {
     for (int k = 0; k < size; ++k) {
         const float xr = freq_buf[k].r;
         const float xi = freq_buf[k].i;
-        freq_buf[k].r = spec[k].r * xr - spec[k].i * xi;
-        freq_buf[k].i = spec[k].i * xr + spec[k].r * xi;
+        freq_buf[k].r = taps_spectrum[k].r * xr - taps_spectrum[k].i * xi;
+        freq_buf[k].i = taps_spectrum[k].i * xr + taps_spectrum[k].r * xi;
     }
     ne10_fft_c2c_1d_float32_neon(time_buf, freq_buf, fir->fft_cfg, 1);
 
