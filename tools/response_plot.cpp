@@ -89,7 +89,7 @@ std::string script_text(const DesignView &v, const std::string &data, const std:
       << "set title " << gp_quote(title) << " noenhanced\n"
       << "set logscale x\nset xrange [10:" << v.rate / 2 << "]\nset yrange [-12:12]\n"
       << "set xlabel 'Frequency (Hz)'\nset ylabel 'Gain (dB)'\n"
-      << "set grid xtics mxtics ytics\nset key top left box opaque\n"
+      << "set grid xtics mxtics ytics\nset key bottom left box opaque\n"
       << "set xtics ('20' 20, '50' 50, '100' 100, '200' 200, '500' 500, '1k' 1000, '2k' 2000, "
          "'5k' 5000, '10k' 10000, '20k' 20000)\n";
     const double resolution = double(v.rate) / 513.0; /* the filter has 513 taps */
