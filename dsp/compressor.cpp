@@ -86,6 +86,34 @@ BlockLevel measure_block(const int *samples, int frames) {
     return {peak >> 8, sat_i32(mean)};
 }
 
+/* The delay line's running state, held in locals for a run of samples and stored back after. */
+struct DelayCursor {
+    int32_t *buffer;
+    int32_t length; /* 0 when the line passes samples through */
+    int32_t position;
+
+    explicit DelayCursor(const audio_delay *delay)
+        : buffer(delay->buffer),
+          length(delay->buffer != nullptr ? std::max(delay->length, 0) : 0),
+          /* A shortened delay keeps its position, which still lies inside the buffer; anything
+             else (a record written by hand) restarts at slot 0 rather than reading outside. */
+          position(delay->position >= 0 && delay->position < delay->capacity ? delay->position
+                                                                             : 0) {}
+
+    /* Returns the oldest sample and stores the new one in its slot. */
+    int32_t step(int32_t sample) {
+        if (length == 0) return sample;
+        const int32_t out = buffer[position];
+        buffer[position] = sample;
+        position = (position + 1 >= length) ? 0 : position + 1;
+        return out;
+    }
+
+    void store(audio_delay *delay) const {
+        if (length != 0) delay->position = position;
+    }
+};
+
 bool drc_complete(const dynamic_range_control_t *drc) {
     return drc != nullptr && drc->gain_history != nullptr && drc->delay != nullptr;
 }
@@ -328,15 +356,16 @@ void dynamic_range_control_process(dynamic_range_control_t *drc, int *in, int *o
     const int32_t gate_q17 = gate_q13 * 16;
     int32_t gain = drc->gain;
     int32_t gate = drc->gate_gain;
-    audio_delay *delay = drc->delay;
+    DelayCursor delay(drc->delay);
     for (int i = 0; i < frames; ++i) {
         gain = smooth_gain(gain, b);
         gate = smooth_gate(gate, gate_q17);
         const int32_t total = (gate == kQ17One) ? gain : sorn::mul_shift_sat(gate, gain, 17);
-        const int32_t x = audio_delay_process(delay, in[i]);
+        const int32_t x = delay.step(in[i]);
         const int64_t p = (static_cast<int64_t>(x) * total) >> 17;
         out[i] = (p == -1) ? 0 : sat_i32(p);
     }
+    delay.store(drc->delay);
     drc->gain = gain;
     drc->gate_gain = gate;
 }
@@ -435,13 +464,9 @@ void audio_delay_get_delay(audio_delay *delay, int *out) {
 }
 
 int audio_delay_process(audio_delay *delay, int sample) {
-    if (delay == nullptr || delay->length <= 0 || delay->buffer == nullptr) return sample;
-    /* A shortened delay keeps its position, which still lies inside the buffer; anything else
-       (a record written by hand) restarts at slot 0 rather than reading outside it. */
-    int32_t position = delay->position;
-    if (position < 0 || position >= delay->capacity) position = 0;
-    const int32_t out = delay->buffer[position];
-    delay->buffer[position] = sample;
-    delay->position = (position + 1 >= delay->length) ? 0 : position + 1;
+    if (delay == nullptr) return sample;
+    DelayCursor cursor(delay);
+    const int32_t out = cursor.step(sample);
+    cursor.store(delay);
     return out;
 }
