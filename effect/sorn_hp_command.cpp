@@ -46,8 +46,10 @@ void evaluate(sorn_hp_context_t *ctx) {
     ctx->active = wanted ? 1 : 0;
 }
 
-void set_bypass(sorn_hp_context_t *ctx, const char *cmd) {
+// Returns the status for the reply word: -22 when the command does not carry the value.
+int32_t set_bypass(sorn_hp_context_t *ctx, const char *cmd, uint32_t value_bytes) {
     const uint32_t vsize = load_u32(cmd, 8);
+    if (value_bytes < (vsize == 2 ? sizeof(int16_t) : sizeof(int32_t))) return -22;
     int32_t v;
     if (vsize == 2) {
         int16_t v16;
@@ -64,11 +66,13 @@ void set_bypass(sorn_hp_context_t *ctx, const char *cmd) {
         ctx->active = 0;
     }
     SORN_LOGD(kTag, "SORN_BYPASS_SETTING: %d; %d", v, ctx->active);
+    return 0;
 }
 
-// Returns the status for the reply word.
-int32_t set_param_block(sorn_hp_context_t *ctx, const char *cmd) {
-    const uint32_t vsize = load_u32(cmd, 8);
+// Returns the status for the reply word. The block is as long as vsize says and the command
+// carries, whichever is less.
+int32_t set_param_block(sorn_hp_context_t *ctx, const char *cmd, uint32_t value_bytes) {
+    const uint32_t vsize = std::min(load_u32(cmd, 8), value_bytes);
     if (vsize < sizeof(sorn_hp_params_t)) {
         SORN_LOGW(kTag, "%s: params size %u too small, need %zu", "command", vsize,
                   sizeof(sorn_hp_params_t));
@@ -89,17 +93,20 @@ int32_t set_param_block(sorn_hp_context_t *ctx, const char *cmd) {
     return 0;
 }
 
-int32_t set_param(sorn_hp_context_t *ctx, const void *pCmdData, uint32_t *replySize,
-                  void *pReplyData) {
-    if (pCmdData == nullptr || pReplyData == nullptr) return -22;
+// Reads nothing beyond cmdSize: a command too short for its header and id is refused, and a
+// value it does not carry is answered with -22 in the reply word.
+int32_t set_param(sorn_hp_context_t *ctx, uint32_t cmdSize, const void *pCmdData,
+                  uint32_t *replySize, void *pReplyData) {
+    if (pCmdData == nullptr || pReplyData == nullptr || cmdSize < kParamValueAt) return -22;
     reply_word(replySize, pReplyData, 0);
     const char *cmd = static_cast<const char *>(pCmdData);
+    const uint32_t value_bytes = cmdSize - kParamValueAt;
     switch (load_u32(cmd, kParamHeader)) {
         case SORN_HP_PARAM_BYPASS:
-            set_bypass(ctx, cmd);
+            reply_word(replySize, pReplyData, set_bypass(ctx, cmd, value_bytes));
             break;
         case SORN_HP_PARAM_BLOCK:
-            reply_word(replySize, pReplyData, set_param_block(ctx, cmd));
+            reply_word(replySize, pReplyData, set_param_block(ctx, cmd, value_bytes));
             break;
         default:
             break;
@@ -107,10 +114,10 @@ int32_t set_param(sorn_hp_context_t *ctx, const void *pCmdData, uint32_t *replyS
     return 0;
 }
 
-int32_t get_param(sorn_hp_context_t *ctx, const void *pCmdData, uint32_t *replySize,
-                  void *pReplyData) {
-    if (pCmdData == nullptr || pReplyData == nullptr || replySize == nullptr ||
-        *replySize < kParamValueAt + sizeof(int32_t)) {
+int32_t get_param(sorn_hp_context_t *ctx, uint32_t cmdSize, const void *pCmdData,
+                  uint32_t *replySize, void *pReplyData) {
+    if (pCmdData == nullptr || cmdSize < kParamValueAt || pReplyData == nullptr ||
+        replySize == nullptr || *replySize < kParamValueAt + sizeof(int32_t)) {
         return -22;
     }
     const uint32_t capacity = *replySize;
@@ -186,10 +193,10 @@ int32_t command(effect_handle_t self, uint32_t cmdCode, uint32_t cmdSize, void *
             return 0;
 
         case EFFECT_CMD_SET_PARAM:
-            return set_param(ctx, pCmdData, replySize, pReplyData);
+            return set_param(ctx, cmdSize, pCmdData, replySize, pReplyData);
 
         case EFFECT_CMD_GET_PARAM:
-            return get_param(ctx, pCmdData, replySize, pReplyData);
+            return get_param(ctx, cmdSize, pCmdData, replySize, pReplyData);
 
         case EFFECT_CMD_SET_DEVICE: {
             if (cmdSize != sizeof(uint32_t) || pCmdData == nullptr) return -22;

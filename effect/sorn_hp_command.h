@@ -21,9 +21,12 @@
  * SET_CONFIG, ENABLE and DISABLE need a 4-byte reply and GET_PARAM at least 20 bytes, else -22.
  * SET_PARAM refuses a null reply buffer and writes its status word only where *replySize has
  * room. INIT, SET_DEVICE and SET_AUDIO_MODE also work with null reply pointers or a reply
- * size of 0 and then simply write no reply word. cmdSize and psize
- * are not examined for SET_PARAM: the framework sends the header, the id and vsize value
- * bytes. An allocation failure refuses the command (reply word -22) and keeps the old state.
+ * size of 0 and then simply write no reply word. psize is not examined for SET_PARAM.
+ * Command buffers: nothing is read beyond cmdSize bytes. SET_PARAM and GET_PARAM shorter than
+ * the header and the id (16 bytes) are refused with -22; a SET_PARAM whose value is not all
+ * there (vsize larger than the bytes after the id) takes only the bytes present, so a block
+ * cut short and a bypass word cut short get reply word -22 and change nothing.
+ * An allocation failure refuses the command (reply word -22) and keeps the old state.
  *
  * Runs on the command path: may allocate, log and design filters (through the wrapper). Never
  * locks; the framework never runs command and process of one instance at the same time.

@@ -128,6 +128,11 @@ TEST(EffectCommand, ParameterBlockAndStatusText) {
     EXPECT_EQ(log.count_containing("params loaded"), 1);
     EXPECT_EQ(log.count_containing("sorn_hp_wrapper_set_parameters"), 2);
     EXPECT_EQ(fx.set_param(555, block.data(), 4), 0) << "unknown ids are accepted";
+    // Nothing is read beyond cmdSize: a block that says 292 bytes but carries 100 is refused.
+    uint32_t cut[4 + 25] = {0, 4, 292, 100};
+    EXPECT_EQ(fx.status_cmd(EFFECT_CMD_SET_PARAM, sizeof cut, cut), -22);
+    EXPECT_EQ(fx.status_cmd(EFFECT_CMD_SET_PARAM, 12, cut), -22);
+    EXPECT_EQ(log.count_containing("sorn_hp_wrapper_set_parameters"), 2);
 
     uint32_t query[5] = {0, 4, 1024, 201, 0};
     char reply[64];
