@@ -31,7 +31,7 @@ constexpr int32_t kGateGainStart = 8192; /* Q17, 1/16: the gate opens over the f
 constexpr int32_t kDenoiseFloor = 2;
 
 constexpr int32_t kGateFloor = 1536;        /* Q13, -14.5 dB */
-constexpr int32_t kOvershootMargin = 7936;  /* Q13, 0.96875 below the threshold ratio */
+constexpr int32_t kReductionMargin = 7936;  /* Q13, 0.96875 below the threshold ratio */
 
 int32_t frames_for_rate(SampleRateType rate) {
     if (rate < 0 || rate > 3) return kFramesPerBlock[SAMPLE_RATE_TYPE_48K];
@@ -94,7 +94,8 @@ struct DelayCursor {
 
     explicit DelayCursor(const audio_delay *delay)
         : buffer(delay->buffer),
-          length(delay->buffer != nullptr ? std::max(delay->length, 0) : 0),
+          length(delay->buffer != nullptr ? std::max(0, std::min(delay->length, delay->capacity))
+                                          : 0),
           /* A shortened delay keeps its position, which still lies inside the buffer; anything
              else (a record written by hand) restarts at slot 0 rather than reading outside. */
           position(delay->position >= 0 && delay->position < delay->capacity ? delay->position
@@ -146,7 +147,7 @@ int32_t block_gain(dynamic_range_control_t *drc) {
         const int32_t q = static_cast<int32_t>(static_cast<int64_t>(threshold) * drc->volume /
                                                drc->peak_env);
         drc->peak_env = threshold;
-        return static_cast<int32_t>((static_cast<int64_t>(q) * kOvershootMargin) >> 13);
+        return static_cast<int32_t>((static_cast<int64_t>(q) * kReductionMargin) >> 13);
     }
     const int64_t h = drc->gain >> 4;
     const int64_t volume = drc->volume;
