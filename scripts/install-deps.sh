@@ -13,10 +13,26 @@ packages=(
   "$@"
 )
 
+# A package counts as present when it is installed for the architecture asked for: the one in
+# its name (name:arm64), else this machine's own or "all". Multiarch packages may be installed
+# for several architectures at once, so dpkg-query can answer with several lines.
+native=$(dpkg --print-architecture)
+installed() {
+  local name=${1%%:*} arch=${1#*:} a b c pkg_arch
+  [[ "$arch" == "$1" ]] && arch=
+  while read -r a b c pkg_arch; do
+    [[ "$a $b $c" == "install ok installed" ]] || continue
+    if [[ -n "$arch" ]]; then
+      [[ "$pkg_arch" == "$arch" ]] && return 0
+    elif [[ "$pkg_arch" == "$native" || "$pkg_arch" == all ]]; then
+      return 0
+    fi
+  done < <(dpkg-query -W -f='${Status} ${Architecture}\n' "$name" 2>/dev/null || true)
+  return 1
+}
 missing=()
 for p in "${packages[@]}"; do
-  status=$(dpkg-query -W -f='${Status}' "$p" 2>/dev/null || true)
-  [[ "$status" == "install ok installed" ]] || missing+=("$p")
+  installed "$p" || missing+=("$p")
 done
 [[ ${#missing[@]} -eq 0 ]] && exit 0
 
