@@ -56,6 +56,10 @@ protected:
     /* Runs the tool in `dir`; `env` entries ("NAME=value") replace or add variables. */
     Result tool(std::vector<std::string> args, std::vector<std::string> env = {}) {
         args.insert(args.begin(), SORN_HP_TOOL);
+#ifdef SORN_HP_TOOL_EMULATOR
+        // Cross builds run the tool under the target's emulator (qemu-user).
+        args.insert(args.begin(), SORN_HP_TOOL_EMULATOR);
+#endif
         std::vector<char *> argv;
         for (std::string &a : args) argv.push_back(a.data());
         argv.push_back(nullptr);
