@@ -60,6 +60,16 @@ DoubleBuffer zeroed_doubles(size_t count) {
 
 constexpr bool is_power_of_two(long n) { return n > 0 && (n & (n - 1)) == 0; }
 
+/* One radix-2 butterfly on the complex elements at p1 and p2 with the twiddle (ur, ui). */
+inline void butterfly(double *p1, double *p2, double ur, double ui) {
+    const double tr = p2[0] * ur - p2[1] * ui;
+    const double ti = p2[0] * ui + p2[1] * ur;
+    p2[0] = p1[0] - tr;
+    p2[1] = p1[1] - ti;
+    p1[0] += tr;
+    p1[1] += ti;
+}
+
 void scale_all(double *z, long doubles, double factor) {
     for (long i = 0; i < doubles; ++i) z[i] *= factor;
 }
@@ -70,21 +80,31 @@ extern "C" void qelFft(double *buf, int n, int sign) {
     if (buf == nullptr || !is_power_of_two(n)) return;
     const long len = 2L * n; /* doubles in buf; indices below count doubles */
 
+    /* Bit-reversal permutation: element e trades places with the element whose index is e's
+       bits reversed. `r` is kept as that reversed index by a reversed-carry increment. */
     if (n >= 3) {
-        for (long i = 2; i < len - 2; i += 2) {
-            long j = 0;
-            for (long bitm = 2; bitm < len; bitm <<= 1) {
-                if (i & bitm) ++j;
-                j <<= 1;
+        long r = 0;
+        for (long e = 0; e < n; ++e) {
+            if (e < r) {
+                std::swap(buf[2 * e], buf[2 * r]);
+                std::swap(buf[2 * e + 1], buf[2 * r + 1]);
             }
-            if (i < j) {
-                std::swap(buf[i], buf[j]);
-                std::swap(buf[i + 1], buf[j + 1]);
+            long bit = n >> 1;
+            while (bit > 0 && (r & bit) != 0) {
+                r ^= bit;
+                bit >>= 1;
             }
+            r |= bit;
         }
     }
 
     const long stages = static_cast<long>(std::log(static_cast<double>(n)) / kLn2 + 0.5);
+    /* Each stage's twiddles come from one sine/cosine pair and the complex recurrence
+       u <- u * w. They are generated once per stage into `twiddles`, so the butterflies can run
+       block by block through memory; every butterfly of a stage touches its own two elements,
+       so the order changes no bit of the result. Without work memory the butterflies run in
+       the recurrence's own order instead. */
+    DoubleBuffer twiddles(static_cast<double *>(std::malloc(sizeof(double) * len / 2)));
     long le = 2;
     for (long s = 0; s < stages; ++s) {
         le <<= 1;
@@ -95,19 +115,21 @@ extern "C" void qelFft(double *buf, int n, int sign) {
         double ur = 1.0;
         double ui = 0.0;
         for (long j = 0; j < le2; j += 2) {
-            for (long i = j; i < len; i += le) {
-                double *p1 = buf + i;
-                double *p2 = buf + i + le2;
-                const double tr = p2[0] * ur - p2[1] * ui;
-                const double ti = p2[0] * ui + p2[1] * ur;
-                p2[0] = p1[0] - tr;
-                p2[1] = p1[1] - ti;
-                p1[0] += tr;
-                p1[1] += ti;
+            if (twiddles) {
+                twiddles[j] = ur;
+                twiddles[j + 1] = ui;
+            } else {
+                for (long i = j; i < len; i += le) butterfly(buf + i, buf + i + le2, ur, ui);
             }
             const double next_ur = ur * wr - ui * wi;
             ui = ur * wi + ui * wr;
             ur = next_ur;
+        }
+        if (!twiddles) continue;
+        for (long block = 0; block < len; block += le) {
+            double *p1 = buf + block;
+            for (long j = 0; j < le2; j += 2)
+                butterfly(p1 + j, p1 + j + le2, twiddles[j], twiddles[j + 1]);
         }
     }
 }
