@@ -118,9 +118,7 @@ std::string resolve_library_path(const std::string &cli_path) {
 
 bool effect_library_open(const std::string &path, EffectLibrary &lib, std::string &error) {
     lib = EffectLibrary{};
-    // Kept mapped after dlclose, as an audio server keeps its effect libraries: unloading would
-    // also unload the host's libbase, whose one-time property map then shows as a leak.
-    void *dl = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
+    void *dl = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (!dl) {
         const char *why = dlerror();
         error = "cannot load the effect library " + path + ": " + (why ? why : "unknown error") +
