@@ -1,6 +1,7 @@
 // property_get / property_set on libbase's in-process property map.
 
 #include <cutils/properties.h>
+#include <dlfcn.h>
 
 #include <cstring>
 #include <mutex>
@@ -9,6 +10,17 @@
 #include <android-base/properties.h>
 
 namespace {
+
+// Debian's libbase allocates its property map when it is loaded and never frees it. If the
+// module holding this layer were unloaded (dlclose of the effect library by a host or a test),
+// libbase would go with it and that block would be lost on every load and unload. So the module
+// pins itself, as the platform's own libraries stay loaded on a device.
+__attribute__((constructor)) void pin_module() {
+    Dl_info self;
+    if (dladdr(reinterpret_cast<void *>(&pin_module), &self) != 0 && self.dli_fname != nullptr) {
+        dlopen(self.dli_fname, RTLD_NOW | RTLD_NOLOAD | RTLD_NODELETE);
+    }
+}
 
 // libbase's host map has no lock of its own; every access from this layer goes through this one.
 std::mutex g_property_lock;
