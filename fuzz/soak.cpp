@@ -390,12 +390,14 @@ int main(int argc, char **argv) {
     if (sorn_test::AllocCounter::available()) {
         std::printf("soak: allocations in process at a steady frame count: %lld\n", steady_allocs);
         if (after.blocks != before.blocks) fail("heap blocks lost", static_cast<long>(after.blocks - before.blocks));
+        if (after.bytes != before.bytes) fail("heap bytes lost", static_cast<long>(after.bytes - before.bytes));
+        // Resident size may wobble with the buffer sizes of the moment, but must not grow with time.
+        if (end.rss_kib > warm.rss_kib + 2048) fail("resident size grew (KiB)", end.rss_kib - warm.rss_kib);
     } else {
-        std::printf("soak: allocation counting unavailable under this sanitizer\n");
+        // A sanitizer owns the allocator (and holds freed memory back on purpose): it checks
+        // leaks itself at exit, and the memory figures above say nothing.
+        std::printf("soak: memory checks skipped under this sanitizer\n");
     }
-    if (after.bytes != before.bytes) fail("heap bytes lost", static_cast<long>(after.bytes - before.bytes));
-    // Resident size may wobble with the buffer sizes of the moment, but must not grow with time.
-    if (end.rss_kib > warm.rss_kib + 2048) fail("resident size grew (KiB)", end.rss_kib - warm.rss_kib);
     std::printf("soak: %s\n", g_failures == 0 ? "PASS" : "FAIL");
     return g_failures == 0 ? 0 : 1;
 }
