@@ -47,7 +47,8 @@ export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
 
 run_asan() {
-    cmake -S . -B build-asan -G Ninja -DSORN_SANITIZE=address,undefined -DSORN_BUILD_BENCH=OFF \
+    cmake -S . -B build-asan -G Ninja -DSORN_SANITIZE=address,undefined,float-cast-overflow \
+          -DSORN_BUILD_BENCH=OFF \
           >/dev/null || return 1
     cmake --build build-asan -j "$JOBS" || return 1
     local out
