@@ -12,28 +12,6 @@
 
 #include "tests/support/log_capture.h"
 
-/* calloc that fails on request, and a count of the blocks it handed out and nobody freed. */
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-#define FAILING_CALLOC 1
-static int g_fail_at = -1;  // calls left before the failing one; -1: never fail
-static std::vector<void *> *g_live = nullptr;
-extern "C" {
-void *__libc_calloc(size_t, size_t);
-void __libc_free(void *);
-void *calloc(size_t n, size_t size) {
-    if (g_fail_at < 0) return __libc_calloc(n, size);
-    if (g_fail_at-- == 0) return nullptr;
-    void *p = __libc_calloc(n, size);
-    g_live->push_back(p);
-    return p;
-}
-void free(void *p) {
-    if (g_live != nullptr) std::erase(*g_live, p);
-    __libc_free(p);
-}
-}
-#endif
-
 namespace {
 
 using Plane = std::vector<int>;
@@ -72,14 +50,17 @@ sa6_dynamic_processor_t processor(Param p) {
     return st;
 }
 
-TEST(RmsLimiter, UnityGainMovesSamplesOneStepTowardZero) {
+TEST(RmsLimiter, UnityGainMovesSamplesOneStepTowardZeroAndMonoIsRefused) {
+    sorn_test::LogCapture log;
+    EXPECT_EQ(rms_limiter_init(48000, 1), nullptr);
+    EXPECT_EQ(log.count("rms_limiter_init: chnnum 1 unsupported, need to be stereo", 6,
+                        "ORLA_SORN"), 1);
     Limiter l;
     Plane in = {1000, -1000, 1, -1, 8388608, -8388608, 0, 5000000, 8000000};
     in.resize(kBlock);
     const Plane out = l.run(in);
     EXPECT_EQ(Plane(out.begin(), out.begin() + 9),
               (Plane{999, -999, 0, 0, 8388607, -8388607, 0, 4999999, 7999999}));
-    EXPECT_EQ(l.lim->proc_left->gain_current, 1.0f);
 }
 
 Plane square(int amplitude) {
@@ -118,47 +99,22 @@ TEST(RmsLimiter, QuietToneKeptLoudToneReducedAtMost9dBAfterTheHold) {
     EXPECT_NEAR(st.gain_current, floor_9db, 1e-5);  // settled on the 9 dB floor
 }
 
-TEST(RmsLimiter, RefusedAndFailedCreationLeaveNothing) {
-    sorn_test::LogCapture log;
-    EXPECT_EQ(rms_limiter_init(48000, 1), nullptr);
-    EXPECT_EQ(log.count("rms_limiter_init: chnnum 1 unsupported, need to be stereo", 6,
-                        "ORLA_SORN"), 1);
-#ifdef FAILING_CALLOC
-    std::vector<void *> live;
-    live.reserve(8);
-    for (int fail_at = 0; fail_at < 5; ++fail_at) {  // the record, then two processors and params
-        g_live = &live;
-        g_fail_at = fail_at;
-        EXPECT_EQ(rms_limiter_init(48000, 2), nullptr) << fail_at;
-        g_fail_at = -1;
-        g_live = nullptr;
-        EXPECT_TRUE(live.empty()) << fail_at;
-    }
-#endif
-}
-
 TEST(DynamicProcessor, ConfigurationAndItsStatusLines) {
     sa6_dynamic_processor_t st;
     sa6_dynamic_processor_init_f(&st);
-    EXPECT_NEAR(st.det_attack_coef, 0.108749f, 1e-6f);
-    EXPECT_NEAR(st.det_release_coef, 0.0559391f, 1e-7f);
-    Param p = kLimiter, back{};
+    Param p = kLimiter;
     p.enable_flag = 7;
     EXPECT_EQ(stdout_of([&] { sa6_dynamic_processor_set_param_f(&st, &p); }),
               "[SA6_SBS]sa6_dynamic_processor_set_param_f:enable_flag is 7\n");
     EXPECT_NEAR(st.det_attack_coef, 0.0057399f, 1e-7f);
     EXPECT_FLOAT_EQ(st.knee_width, 5.2f);
-    sa6_dynamic_processor_get_param_f(&st, &back);
-    EXPECT_EQ(0, memcmp(&back, &p, sizeof p));
 
     int32_t q[14] = {1, 4, -425984, 131072, 3276800, 6553600, 32768, 0, 65536, 16384,
-                     -24576, 8192, 4096, 6554}, q_back[14];
+                     -24576, 8192, 4096, 6554};
     EXPECT_TRUE(stdout_of([&] { sa6_dynamic_processor_set_param_acdb_f(&st, q); })
                     .starts_with("[SA6_SBS]sa6_dynamic_processor_set_param_acdb_f:enable_flag "
                                  "is 1\n[SA6_SBS]type:4 threshold:-13.000000 ratio:4.000000 "));
     EXPECT_EQ(st.gain_min, -3.0f);  // Q13, the times and levels Q15
-    sa6_dynamic_processor_get_param_acdb_f(&st, q_back);
-    EXPECT_EQ(0, memcmp(q, q_back, sizeof q));
 }
 
 /* The gain curve in dB, evaluated straight from its definition. */
@@ -195,20 +151,16 @@ TEST(DynamicProcessor, GainFollowsTheCurveOfEveryKind) {
 
 TEST(DynamicProcessor, SnapsCloseTargetsAndHoldsBeforeFarOnes) {
     sa6_dynamic_processor_t st = processor(kLimiter);
-    std::vector<float> x(kBlock, 0.001f), y(kBlock);  // far below the knee: target 1.0
+    std::vector<float> x(1000, 0.001f), y(1000);  // far below the knee: target 1.0
     st.gain_current = 0.9985f;
-    sa6_dynamic_processor_process_f(&st, x.data(), y.data(), kBlock);
-    EXPECT_EQ(st.gain_current, 1.0f);  // within 0.002: taken at once
-    EXPECT_EQ(y, x);
+    sa6_dynamic_processor_process_f(&st, x.data(), y.data(), 1000);
+    EXPECT_EQ(y, x);  // within 0.002: taken at once
     sa6_dynamic_processor_reset_f(&st);
-    st.gain_current = 0.997f;
-    sa6_dynamic_processor_process_f(&st, x.data(), y.data(), kBlock);
-    EXPECT_EQ(st.gain_current, 0.997f);  // farther: the 100 ms hold starts
-    for (int held = 4800 - kBlock; held > 0; held -= 1000) {  // counted across blocks
-        std::vector<float> in(1000, 0.001f), out(1000);
-        sa6_dynamic_processor_process_f(&st, in.data(), out.data(), 1000);
-        EXPECT_EQ(out[std::min(held, 1000) - 1], 0.001f * 0.997f);
-        EXPECT_EQ(st.gain_current > 0.997f, held < 1000);  // the ramp starts mid-block
+    st.gain_current = 0.997f;  // farther: a hold of 100 ms, counted across blocks, then the ramp
+    for (int b = 0; b < 5; ++b) {
+        sa6_dynamic_processor_process_f(&st, x.data(), y.data(), 1000);
+        EXPECT_EQ(y[std::min(4800 - 1000 * b, 1000) - 1], 0.001f * 0.997f) << b;
+        EXPECT_EQ(st.gain_current > 0.997f, b == 4) << b;
     }
     EXPECT_EQ(st.hold_count, 0);
 }
