@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <complex>
 #include <cstring>
 #include <random>
 #include <vector>
@@ -32,18 +31,9 @@ struct Design {
     }
 };
 
-// Table of n points with every gain equal.
 std::vector<int> flat(size_t n, int g) { return std::vector<int>(n, g); }
 const std::vector<int> kF12{50, 100, 200, 400, 800, 1600, 3000, 5000, 8000, 12000, 16000, 20000};
 const std::vector<int> kF8{60, 250, 1000, 2500, 6000, 10000, 15000, 21000};
-
-// Magnitude response of Q23 taps in dB at frequency f.
-double response_db(const std::vector<int32_t> &taps, double f, double rate) {
-    std::complex<double> h = 0;
-    for (size_t n = 0; n < taps.size(); ++n)
-        h += std::polar(taps[n] / 8388608.0, -2 * M_PI * f * n / rate);
-    return 20 * std::log10(std::abs(h));
-}
 
 std::vector<int32_t> default_taps() {
     orla_earadapt_params_t p{};
@@ -51,48 +41,29 @@ std::vector<int32_t> default_taps() {
     return {p.coef_left, p.coef_left + ORLA_FIR_TAPS};
 }
 
-TEST(FrcCurve, NoGroupGivesDefaultTableAndConstantGainScalesIt) {
+TEST(FrcCurve, NoGroupGivesTheDefaultTableAndAConstantGainScalesIt) {
     const auto def = default_taps();
     EXPECT_EQ(def, Design().run());
-
     Design plus3;
     plus3.lc(kF12, flat(12, 3));
-    auto taps = plus3.run();
+    const auto taps = plus3.run();
     for (int k = 0; k < ORLA_FIR_TAPS; ++k)
         EXPECT_NEAR(def[k] * std::pow(10.0, 3 / 20.0), taps[k], 2) << k;
 }
 
-TEST(FrcCurve, SumIsLimitedToMinus6AndPlus7Db) {
-    Design up, at7, down, at_6;
-    up.lc(kF12, flat(12, 5)), up.hp(kF12, flat(12, 5));
-    at7.lc(kF12, flat(12, 7));
-    down.ea(kF8, flat(8, -4)), down.lc(kF12, flat(12, -4));
-    at_6.lc(kF12, flat(12, -6));
-    EXPECT_EQ(at7.run(), up.run());
-    EXPECT_EQ(at_6.run(), down.run());
-}
-
+// Bin 0 takes the first gain and the bins above 22000 Hz (470..511 at 48 kHz) the last one.
 TEST(FrcCurve, EndsAreFlatAtFirstAndLastGain) {
-    // DC takes the first gain even with the first point far above bin 1.
-    Design d;
-    d.lc({3000, 4000, 5000, 6000, 7000, 8000, 9000, 10000, 11000, 12000, 13000, 14000},
-         {5, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0});
-    auto taps = d.run();
-    EXPECT_NEAR(5.0, response_db(taps, 0, 48000), 0.02);
-    EXPECT_NEAR(0.0, response_db(taps, 17000, 48000), 0.05);
-
-    // Above 22000 Hz (bins 470..511 at 48 kHz) the curve holds the last gain.
-    std::vector<float> x{0}, y{-2};
+    std::vector<float> x{0}, y{-2}, f(512), c(512);
     for (int i = 0; i < 12; ++i) x.push_back(kF12[i]), y.push_back(float(i % 5 - 2));
     x.push_back(22000), y.push_back(y.back());
-    std::vector<float> f(512), c(512);
     clac_frc_curve(x.data(), y.data(), f.data(), c.data(), 14, 512, 48000);
     EXPECT_FLOAT_EQ(46.875f, f[1]);
-    for (int k = 470; k < 512; ++k) EXPECT_EQ(y.back(), c[k]) << k;
     EXPECT_EQ(-2.0f, c[0]);
+    for (int k = 470; k < 512; ++k) EXPECT_EQ(y.back(), c[k]) << k;
 }
 
-// A clean table must follow the documented steps to the bit: build the same design here.
+// A clean table must follow the documented steps to the bit: build the same design here. The
+// random gains of three groups sum well past both limits, -6 and +7 dB.
 std::vector<int32_t> reference(
     int rate, const std::vector<std::pair<std::vector<int>, std::vector<int>>> &groups) {
     std::vector<float> grid(512), total(512, 0.0f), curve(512);
@@ -121,7 +92,7 @@ TEST(FrcCurve, CleanTablesFollowTheDocumentedDesignExactly) {
     for (int rate : {44100, 48000}) {
         std::vector<int> g12(12), h12(12), g8(8);
         for (auto *v : {&g12, &h12, &g8})
-            for (int &g : *v) g = int(rng() % 13) - 6;
+            for (int &g : *v) g = int(rng() % 19) - 9;
         Design d(rate);
         d.lc(kF12, g12), d.hp(kF12, h12), d.ea(kF8, g8);
         EXPECT_EQ(reference(rate, {{kF12, g12}, {kF12, h12}, {kF8, g8}}), d.run()) << rate;
@@ -143,14 +114,6 @@ TEST(FrcCurve, UnusableTablesAreRepairedWithAWarning) {
     dup.ea({100, 1000, 1000, 5000, 9000, 12000, 15000, 18000}, {0, 2, 4, 1, 1, 1, 1, 1});
     merged.ea({100, 1000, 5000, 5000, 9000, 12000, 15000, 18000}, {0, 3, 1, 1, 1, 1, 1, 1});
     EXPECT_EQ(dup.run(), merged.run());
-
-    // Zero padding: the padded points become one 0 dB knot at 0 Hz.
-    Design padded;
-    padded.hp({500, 1000, 2000, 0, 0, 0, 0, 0, 0, 0, 0, 0}, {3, 5, 5, 0, 0, 0, 0, 0, 0, 0, 0, 0});
-    auto taps = padded.run();
-    EXPECT_NEAR(0.0, response_db(taps, 0, 48000), 0.1);
-    EXPECT_NEAR(5.0, response_db(taps, 1500, 48000), 0.1);
-    EXPECT_EQ(1, log.count_containing("hp table"));
 
     // Nothing but 0 Hz and 22000 Hz: too few knots, the group adds 0 dB.
     Design empty;
