@@ -54,13 +54,12 @@ struct Case {
     Bytes in, want;
 };
 
-// Expected values are written out from the conversion rules, not computed.
+// Expected values are written out from the conversion rules, not computed. Float to 32-bit,
+// 16-bit and 8.24 are checked against the rounding rule on random inputs below.
 const std::vector<Case> kCases = {
     // to 32-bit
     {F32, F16, i16({-32768, -1, 0, 1, 32767}), i32({kMin, -65536, 0, 65536, 0x7FFF0000})},
     {F32, P24, p24({-0x800000, 0x7FFFFF, -1, 1}), i32({kMin, 0x7FFFFF00, -256, 256})},
-    {F32, FLT, flt({-kInf, -1.0f, -0.5f, -0x1p-32f, 0.0f, 0x1p-32f, 0.5f, 0.99999994f, 1.0f, 2.0f, kInf, kNaN, -kNaN}),
-     i32({kMin, kMin, -0x40000000, -1, 0, 1, 0x40000000, 0x7FFFFF80, kMax, kMax, kMax, 0, 0})},
     {F32, F8, u8({0, 0x7F, 0x80, 0x81, 0xFF}), i32({kMin, -(1 << 24), 0, 1 << 24, 0x7F000000})},
     {F32, Q824, i32({kMin, -0x800000, -1, 0, 1, 0x7FFFFF, 0x800000, kMax}),
      i32({kMin, kMin, -256, 0, 256, 0x7FFFFF00, kMax, kMax})},
@@ -68,8 +67,6 @@ const std::vector<Case> kCases = {
     {F16, F8, u8({0, 0x80, 0xFF}), i16({-32768, 0, 32512})},
     {F16, F32, i32({kMin, -32768, 0xFFFF, kMax}), i16({-32768, -1, 0, 32767})},
     {F16, Q824, i32({kMin, -0x800000, -1, 255, 0x7FFFFF, 0x1000000}), i16({-32768, -32768, -1, 0, 32767, 32767})},
-    {F16, FLT, flt({-kInf, -1.0f, -0x1p-16f, 0x1p-16f, 0.5f, 1.0f, kInf, kNaN}),
-     i16({-32768, -32768, -1, 1, 16384, 32767, 32767, 0})},
     {F16, P24, p24({-0x800000, 0x7FFFFF, -1, 256}), i16({-32768, 32767, -1, 1})},
     // to 8-bit
     {F8, F16, i16({-32768, -1, 0, 255, 256, 32767}), u8({0, 0x7F, 0x80, 0x80, 0x81, 0xFF})},
@@ -79,8 +76,6 @@ const std::vector<Case> kCases = {
     {F8, P24, p24({-0x800000, 0x7FFFFF, -1}), u8({0, 0xFF, 0x7F})},
     // to 8.24
     {Q824, F16, i16({-32768, -1, 32767}), i32({-0x800000, -256, 0x7FFF00})},
-    {Q824, FLT, flt({-kInf, -1.0f, -0x1p-24f, 0x1p-24f, 1.0f, kInf, kNaN}),
-     i32({-0x800000, -0x800000, -1, 1, 0x7FFFFF, 0x7FFFFF, 0})},
     {Q824, P24, p24({-0x800000, 0x7FFFFF, -1}), i32({-0x800000, 0x7FFFFF, -1})},
     // to float (8.24 beyond full scale is not clamped)
     {FLT, F16, i16({-32768, 1, 32767}), flt({-1.0f, 0x1p-15f, 32767.0f / 32768.0f})},
@@ -93,6 +88,9 @@ const std::vector<Case> kCases = {
     {P24, F32, i32({kMin, 0xFF, -1, kMax}), p24({-0x800000, 0, -1, 0x7FFFFF})},
     {P24, Q824, i32({kMin, 0x123456, -1, kMax}), p24({-0x800000, 0x123456, -1, 0x7FFFFF})},
     {P24, FLT, flt({-kInf, 0.5f, 1.0f, kNaN}), p24({-0x800000, 0x400000, 0x7FFFFF, 0})},
+    // equal formats: a copy
+    {P24, P24, p24({1, -2, 0x7FFFFF}), p24({1, -2, 0x7FFFFF})},
+    {F16, F16, i16({-32768, 1, 32767}), i16({-32768, 1, 32767})},
 };
 
 size_t samples_of(const Case &c) { return c.in.size() / audio_bytes_per_sample(c.src); }
@@ -101,49 +99,29 @@ std::string name_of(const Case &c) {
     return "dst " + std::to_string(c.dst) + " src " + std::to_string(c.src);
 }
 
-TEST(PlatformFormat, EveryPairOutOfPlaceStopsAtCount) {
+// Out of place nothing past `count` samples is written; in place a wider destination must not
+// overwrite samples it has yet to read.
+TEST(PlatformFormat, EveryPairOutOfPlaceAndInPlace) {
     for (const Case &c : kCases) {
-        Bytes dst(c.want.size() + 8, 0xA5);
+        Bytes want = c.want, dst(c.want.size() + 8, 0xA5);
+        want.resize(dst.size(), 0xA5);
         memcpy_by_audio_format(dst.data(), c.dst, c.in.data(), c.src, samples_of(c));
-        EXPECT_EQ(Bytes(dst.begin(), dst.begin() + c.want.size()), c.want) << name_of(c);
-        EXPECT_EQ(Bytes(dst.begin() + c.want.size(), dst.end()), Bytes(8, 0xA5)) << name_of(c);
-    }
-}
-
-TEST(PlatformFormat, EveryPairInPlaceWideningAndNarrowing) {
-    for (const Case &c : kCases) {
-        Bytes buf(std::max(c.in.size(), c.want.size()), 0);
-        std::memcpy(buf.data(), c.in.data(), c.in.size());
+        EXPECT_EQ(dst, want) << name_of(c);
+        Bytes buf = c.in;
+        buf.resize(std::max(c.in.size(), c.want.size()));
         memcpy_by_audio_format(buf.data(), c.dst, buf.data(), c.src, samples_of(c));
-        EXPECT_EQ(Bytes(buf.begin(), buf.begin() + c.want.size()), c.want) << name_of(c);
+        EXPECT_EQ(Bytes(buf.begin(), buf.begin() + c.want.size()), c.want) << name_of(c) << " in place";
     }
 }
 
-TEST(PlatformFormat, EqualFormatsCopyCountSamples) {
-    const Bytes in = p24({1, 2, 3, 4});
-    Bytes dst(12, 0xA5);
-    memcpy_by_audio_format(dst.data(), P24, in.data(), P24, 3);
-    EXPECT_EQ(Bytes(dst.begin(), dst.begin() + 9), Bytes(in.begin(), in.begin() + 9));
-    EXPECT_EQ(Bytes(dst.begin() + 9, dst.end()), Bytes(3, 0xA5));
-
-    Bytes same = in;
-    memcpy_by_audio_format(same.data(), P24, same.data(), P24, 4);
-    EXPECT_EQ(same, in);
-}
-
-TEST(PlatformFormat, UnconvertedPairsAndUnknownFormatsLeaveDestinationAlone) {
-    const audio_format_t pairs[][2] = {
-        {Q824, F8}, {Q824, F32}, {P24, F8}, {F32, AUDIO_FORMAT_DEFAULT}, {AUDIO_FORMAT_DEFAULT, F32},
-        {AUDIO_FORMAT_INVALID, AUDIO_FORMAT_INVALID}, {7, 7}, {F16, 0x01000001u}};
+TEST(PlatformFormat, UnconvertedPairsUnknownFormatsAndNullBuffersLeaveDestinationAlone) {
+    const audio_format_t pairs[][2] = {{Q824, F8}, {Q824, F32}, {P24, F8}, {F32, AUDIO_FORMAT_DEFAULT},
+                                       {AUDIO_FORMAT_INVALID, AUDIO_FORMAT_INVALID}, {7, 7}, {F16, 0x01000001u}};
     const Bytes in(64, 0x11);
-    for (const auto &p : pairs) {
-        Bytes dst(64, 0xA5);
-        memcpy_by_audio_format(dst.data(), p[0], in.data(), p[1], 8);
-        EXPECT_EQ(dst, Bytes(64, 0xA5)) << "dst " << p[0] << " src " << p[1];
-    }
-    memcpy_by_audio_format(nullptr, F32, in.data(), F16, 8);  // must not crash
     Bytes dst(64, 0xA5);
+    for (const auto &p : pairs) memcpy_by_audio_format(dst.data(), p[0], in.data(), p[1], 8);
     memcpy_by_audio_format(dst.data(), F32, nullptr, F16, 8);
+    memcpy_by_audio_format(nullptr, F32, in.data(), F16, 8);  // must not crash
     EXPECT_EQ(dst, Bytes(64, 0xA5));
 }
 
@@ -174,27 +152,6 @@ TEST(PlatformFormat, FloatToIntegerMatchesRoundingRuleOnRandomInputs) {
         ASSERT_EQ(out16[i], rule(f, 0x1p15, -32768, 32767)) << f;
         ASSERT_EQ(clamp32_from_float(f), out32[i]) << f;
     }
-}
-
-TEST(PlatformFormat, TypedHelpersAgreeWithTheGeneralConversion) {
-    const std::vector<int32_t> ints = {kMin, -65536, -1, 0, 0xFFFF, 0x7FFFFF80, kMax};
-    const std::vector<float> floats = {-kInf, -1.0f, -0x1p-32f, 0.5f, 0.99999994f, 1.5f, kNaN};
-    std::vector<int32_t> a(floats.size()), b(floats.size());
-    std::vector<float> fa(ints.size()), fb(ints.size());
-    std::vector<int16_t> sa(ints.size()), sb(ints.size());
-    memcpy_to_i32_from_float(a.data(), floats.data(), floats.size());
-    memcpy_by_audio_format(b.data(), F32, floats.data(), FLT, floats.size());
-    memcpy_to_float_from_i32(fa.data(), ints.data(), ints.size());
-    memcpy_by_audio_format(fb.data(), FLT, ints.data(), F32, ints.size());
-    memcpy_to_i16_from_i32(sa.data(), ints.data(), ints.size());
-    memcpy_by_audio_format(sb.data(), F16, ints.data(), F32, ints.size());
-    EXPECT_EQ(a, b);
-    EXPECT_EQ(fa, fb);
-    EXPECT_EQ(sa, sb);
-
-    std::vector<int32_t> wide = {0x0001FFFF, 0x7FFF8000, 0, 0};  // int16 pairs {-1, 1}, {-32768, 32767}
-    memcpy_to_i32_from_i16(wide.data(), reinterpret_cast<int16_t *>(wide.data()), 4);
-    EXPECT_EQ(wide, (std::vector<int32_t>{-65536, 65536, kMin, 0x7FFF0000}));
 }
 
 }  // namespace
