@@ -23,19 +23,17 @@ Surround make(int rate, int frequency = 5000, int depth = 20) {
     return ss;
 }
 
-void run(const Surround &ss, Plane &l, Plane &r, int frames = -1) {
-    stereo_surround_process(ss.get(), l.data(), r.data(), frames < 0 ? int(l.size()) : frames);
+void run(const Surround &ss, Plane &l, Plane &r) {
+    stereo_surround_process(ss.get(), l.data(), r.data(), int(l.size()));
 }
 
 TEST(StereoSurround, CoefficientsAndRefusedSettings) {
-    struct { int rate; double k, b0, a1; } rows[] = {{44100, 0.863674, 0.463426, 0.073149},
-                                                     {48000, 0.767327, 0.434174, 0.131653}};
+    struct { int rate; double b0, a1; } rows[] = {{44100, 0.463426, 0.073149},
+                                               {48000, 0.434174, 0.131653}};
     for (const auto &row : rows) {
         Surround ss = make(row.rate);
-        EXPECT_NEAR(ss->b0 / (1.0 - ss->b0), row.k, 2e-6);  // b0 = K / (1 + K)
         EXPECT_NEAR(ss->b0, row.b0, 1e-6);
         EXPECT_NEAR(ss->a1, row.a1, 1e-6);
-        EXPECT_FLOAT_EQ(ss->gain, 0.3f);
     }
 
     sorn_test::LogCapture log;
@@ -65,12 +63,6 @@ TEST(StereoSurround, WidensTheSideOnlyAndSaturates) {
     run(ss, l, r);
     EXPECT_NEAR(l.back(), 135000, 1);
     EXPECT_EQ(l.back() + r.back(), 110000);
-
-    const stereo_surround_t memory = *ss;
-    const Plane l1 = l;
-    run(ss, l, r, 0);
-    EXPECT_EQ(0, memcmp(&memory, ss.get(), sizeof memory));
-    EXPECT_EQ(l, l1);
 
     stereo_surround_reset(ss.get());
     Plane hi = {2147400000, -2146400000}, lo = {2146400000, -2147400000};
