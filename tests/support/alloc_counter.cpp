@@ -80,7 +80,6 @@ namespace sorn_test {
 
 AllocCounter::AllocCounter() : start_(g_allocations.load()) {}
 long long AllocCounter::count() const { return g_allocations.load() - start_; }
-void AllocCounter::restart() { start_ = g_allocations.load(); }
 bool AllocCounter::available() { return SORN_ALLOC_COUNTING != 0; }
 long long AllocCounter::live() { return g_live.load(); }
 void AllocCounter::fail_after(long long n) {

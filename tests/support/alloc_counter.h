@@ -24,9 +24,8 @@ namespace sorn_test {
 class AllocCounter {
 public:
     AllocCounter();
-    /* Allocations since construction (or the last restart()). */
+    /* Allocations since construction. */
     long long count() const;
-    void restart();
     static bool available();
     /* Blocks currently allocated (successful allocations less frees), for leak checks. */
     static long long live();

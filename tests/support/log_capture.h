@@ -6,6 +6,9 @@
 #ifndef SORN_TESTS_LOG_CAPTURE_H
 #define SORN_TESTS_LOG_CAPTURE_H
 
+#include <android/log.h>
+
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -19,18 +22,50 @@ struct LogLine {
 
 class LogCapture {
 public:
-    LogCapture();
-    ~LogCapture();
+    LogCapture() {
+        clear();
+        __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
+        __android_log_set_logger(record);
+    }
+    ~LogCapture() {
+        __android_log_set_logger(__android_log_stderr_logger);
+        __android_log_set_minimum_priority(ANDROID_LOG_INFO);
+    }
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
-    const std::vector<LogLine>& lines() const;
-    void clear();
+    const std::vector<LogLine>& lines() const { return lines_; }
+    void clear() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        lines_.clear();
+    }
     /* Number of lines whose message equals `message` exactly (and whose priority and tag match
        when given: priority < 0 or an empty tag match anything). */
-    int count(const std::string& message, int priority = -1, const std::string& tag = "") const;
+    int count(const std::string& message, int priority = -1, const std::string& tag = "") const {
+        return count_if([&](const LogLine& l) {
+            return l.message == message && (priority < 0 || l.priority == priority) && (tag.empty() || l.tag == tag);
+        });
+    }
     /* Number of lines whose message contains `fragment`. */
-    int count_containing(const std::string& fragment) const;
+    int count_containing(const std::string& fragment) const {
+        return count_if([&](const LogLine& l) { return l.message.find(fragment) != std::string::npos; });
+    }
+
+private:
+    static inline std::mutex mutex_;
+    static inline std::vector<LogLine> lines_;
+
+    static void record(const struct __android_logger_data* data, const char* message) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        lines_.push_back({data->priority, data->tag ? data->tag : "", message ? message : ""});
+    }
+    template <typename Match>
+    int count_if(Match match) const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        int n = 0;
+        for (const auto& l : lines_) n += match(l) ? 1 : 0;
+        return n;
+    }
 };
 
 }  // namespace sorn_test
