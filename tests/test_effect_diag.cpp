@@ -1,6 +1,7 @@
-// Diagnostics of the process handler: PCM dump files and the processing-time statistics.
-// The shipped library dumps under /data/vendor/audio; this executable interposes fopen and
-// sends exactly those paths into a temporary folder, so the file names are tested as shipped.
+// Silence gating of the process handler with the PCM dump that shows which calls were
+// processed, and the processing-time statistics. The shipped library dumps under
+// /data/vendor/audio; this executable interposes fopen and sends exactly those paths into a
+// temporary folder, so the file names are tested as shipped.
 #include <android-base/properties.h>
 #include <dlfcn.h>
 #include <stdlib.h>
@@ -18,8 +19,7 @@ int g_dump_opens = 0;
 }  // namespace
 
 extern "C" FILE *fopen(const char *path, const char *mode) {
-    static const auto real = reinterpret_cast<FILE *(*)(const char *, const char *)>(
-        dlsym(RTLD_NEXT, "fopen"));
+    static const auto real = reinterpret_cast<FILE *(*)(const char *, const char *)>(dlsym(RTLD_NEXT, "fopen"));
     if (path == nullptr || !std::string_view(path).starts_with(kDumpDir)) return real(path, mode);
     ++g_dump_opens;
     return real((g_redirect + (path + kDumpDir.size())).c_str(), mode);
@@ -43,27 +43,45 @@ protected:
         std::filesystem::remove_all(g_redirect);
     }
     static uintmax_t size_of(const Effect &fx, const char *direction) {
-        const std::string name = g_redirect + "sorn_hp_" + sorn_test::ptr(fx.h) + "_48000_" +
-                                 direction + ".pcm";
         std::error_code missing;
-        const uintmax_t size = std::filesystem::file_size(name, missing);
+        const uintmax_t size = std::filesystem::file_size(
+            g_redirect + "sorn_hp_" + sorn_test::ptr(fx.h) + "_48000_" + direction + ".pcm", missing);
         return missing ? 0 : size;
     }
 };
 
-TEST_F(EffectDump, EveryProcessedCallIsAppendedAndMutedCallsAreNot) {
+// After sound, the 20th silent 240-frame call is faded out and the 21st muted; the first
+// sounding call after that is faded in. A silent call longer than the threshold mutes at once.
+TEST_F(EffectDump, LongSilenceFadesOutMutesAndFadesBackInAndMutedCallsAreNotDumped) {
+    sorn_test::LogCapture log;
     android::base::SetProperty("audio.sorn.hp.dump", "1");
     Effect fx;
     ASSERT_EQ(fx.configure(AUDIO_FORMAT_PCM_32_BIT), 0);
-    std::vector<int32_t> sound = sorn_test::tone(kCall), silence(2 * kCall), out(2 * kCall);
+    const std::string down = sorn_test::ptr(fx.h) + " rampdown 1", up = sorn_test::ptr(fx.h) + " rampup 0";
+    std::vector<int32_t> sound(2 * kCall, 1000), silence(2 * 8192), out(2 * 8192);
     ASSERT_EQ(fx.process(sound.data(), out.data(), kCall), -61);
-    for (int call = 1; call <= 25; ++call) {  // 20 processed (the last fading out), 5 muted
+    for (int call = 1; call <= 25; ++call) {
         ASSERT_EQ(fx.process(silence.data(), out.data(), kCall), -61);
+        EXPECT_EQ(log.count(down, ANDROID_LOG_DEBUG), call >= 20 ? 1 : 0) << call;
     }
+    EXPECT_EQ(log.count_containing("rampup"), 0);
     ASSERT_EQ(fx.process(sound.data(), out.data(), kCall), -61);
+    EXPECT_EQ(log.count(up, ANDROID_LOG_DEBUG), 1);
+    for (size_t k = 0; k < kCall; ++k) {
+        ASSERT_NEAR(out[2 * k], 1000.0 * k / kCall, 1.0) << k;
+        ASSERT_EQ(out[2 * k + 1], out[2 * k]);
+    }
+    // 1920 bytes in and out for each processed call: 1 + 20 + 1 of them.
     EXPECT_EQ(size_of(fx, "in"), 22u * 1920);
     EXPECT_EQ(size_of(fx, "out"), 22u * 1920);
     EXPECT_EQ(g_dump_opens, 44);
+    ASSERT_EQ(fx.process(sound.data(), out.data(), kCall), -61);
+    EXPECT_EQ(out[0], 1000) << "only the first sounding call is faded in";
+
+    ASSERT_EQ(fx.process(silence.data(), out.data(), 8192), -61);
+    ASSERT_EQ(fx.process(sound.data(), out.data(), kCall), -61);
+    EXPECT_EQ(log.count(down), 1);
+    EXPECT_EQ(log.count(up), 2);
 }
 
 TEST_F(EffectDump, PropertyCountsFromTheNextConfiguration) {
@@ -94,11 +112,6 @@ TEST(EffectStatistics, ReportEveryFiveSecondsOfProcessedAudio) {
     calls(1);
     EXPECT_EQ(log.count_containing(usage), 1);
     EXPECT_EQ(log.count_containing(" msec & 240 frames for each loop; state 0"), 1);
-    for (const auto &line : log.lines()) {
-        if (line.message.starts_with("sorn_hp_process")) {
-            EXPECT_EQ(line.priority, ANDROID_LOG_DEBUG);
-        }
-    }
     calls(1000);
     EXPECT_EQ(log.count_containing(usage), 2);
 }

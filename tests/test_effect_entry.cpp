@@ -7,26 +7,26 @@
 
 namespace {
 
-using sorn_test::Effect;
 using sorn_test::kSornUuid;
 
-TEST(EffectEntry, EverySourceGivesTheSameDescriptor) {
-    effect_descriptor_t d[3];
-    std::memset(d, 0xAA, sizeof d);
-    Effect fx;
-    ASSERT_EQ(AELI.get_descriptor(&kSornUuid, &d[0]), 0);
-    ASSERT_EQ(EffectQueryEffect(0, &d[1]), 0);
-    ASSERT_EQ((*fx.h)->get_descriptor(fx.h, &d[2]), 0);
-    EXPECT_EQ(std::memcmp(&d[0], &d[1], sizeof d[0]), 0);
-    EXPECT_EQ(std::memcmp(&d[0], &d[2], sizeof d[0]), 0);
-    EXPECT_EQ(std::memcmp(&d[0].type, &kSornUuid, 16), 0);
-    EXPECT_EQ(std::memcmp(&d[0].uuid, &kSornUuid, 16), 0);
-    EXPECT_EQ(d[0].apiVersion, 0x00020000u);
-    EXPECT_EQ(d[0].flags, 0x00040210u);
-    EXPECT_EQ(d[0].memoryUsage, 1);
-    EXPECT_STREQ(d[0].name, "SORN HP For Ambrel");
-    EXPECT_STREQ(d[0].implementor, "Release 20260104_1.23");
-    EXPECT_EQ(d[0].implementor[63], 0) << "zero-filled, not left as it was";
+TEST(EffectEntry, EverySourceGivesTheSameDescriptorByteForByte) {
+    effect_descriptor_t want;
+    std::memset(&want, 0, sizeof want);
+    want.type = want.uuid = kSornUuid;
+    want.apiVersion = 0x00020000u;
+    want.flags = 0x00040210u;  // insert, last, device and audio mode indication
+    want.memoryUsage = 1;
+    std::strcpy(want.name, "SORN HP For Ambrel");
+    std::strcpy(want.implementor, "Release 20260104_1.23");
+    sorn_test::Effect fx;
+    for (int source = 0; source < 3; ++source) {
+        effect_descriptor_t d;
+        std::memset(&d, 0xAA, sizeof d);  // every byte must be written, padding of the names too
+        ASSERT_EQ(source == 0   ? AELI.get_descriptor(&kSornUuid, &d)
+                  : source == 1 ? EffectQueryEffect(0, &d)
+                                : (*fx.h)->get_descriptor(fx.h, &d), 0);
+        EXPECT_EQ(std::memcmp(&d, &want, sizeof d), 0) << "source " << source;
+    }
     uint32_t count = 0;
     EXPECT_EQ(EffectQueryNumberEffects(&count), 0);
     EXPECT_EQ(count, 1u);
@@ -48,12 +48,11 @@ TEST(EffectEntry, CreateAndReleaseResults) {
     EXPECT_EQ(EffectRelease(nullptr), -22);
     EXPECT_TRUE(log.lines().empty());
     EXPECT_EQ(EffectGetDescriptor(nullptr, &d), -22);
-    EXPECT_EQ(log.count("EffectGetDescriptor() called with NULL pointer", ANDROID_LOG_WARN,
-                        "_O_sorn_hp_sfx"), 1);
+    EXPECT_EQ(log.count("EffectGetDescriptor() called with NULL pointer", ANDROID_LOG_WARN, "_O_sorn_hp_sfx"), 1);
 
     ASSERT_EQ(EffectCreate(&kSornUuid, 7, 3, &h), 0);
-    EXPECT_EQ(log.count("EffectCreate: " + sorn_test::ptr(h) + ", sid 7, version "
-                        "Release 20260104_1.23", ANDROID_LOG_DEBUG, "_O_sorn_hp_sfx"), 1);
+    EXPECT_EQ(log.count("EffectCreate: " + sorn_test::ptr(h) + ", sid 7, version Release 20260104_1.23",
+                        ANDROID_LOG_DEBUG, "_O_sorn_hp_sfx"), 1);
     EXPECT_EQ((*h)->process_reverse, nullptr);
     EXPECT_EQ(EffectRelease(h), 0) << "never configured: nothing but the context to free";
 }
@@ -68,29 +67,13 @@ TEST(EffectEntry, LoadsAndRunsThroughAeliLikeTheFactory) {
     EXPECT_EQ(EFFECT_API_VERSION_MAJOR(aeli->version), 3u);
     effect_descriptor_t d;
     ASSERT_EQ(aeli->get_descriptor(&kSornUuid, &d), 0);
-    EXPECT_EQ(EFFECT_API_VERSION_MAJOR(d.apiVersion), 2u);
-
-    effect_handle_t h = nullptr;
-    ASSERT_EQ(aeli->create_effect(&d.uuid, 0, 1, &h), 0);
-    auto command = [&](uint32_t code, uint32_t size, void *data) {
-        int32_t reply = 99;
-        uint32_t reply_size = 4;
-        EXPECT_EQ((*h)->command(h, code, size, data, &reply_size, &reply), 0) << code;
-        return reply;
-    };
-    effect_config_t config = sorn_test::make_config(AUDIO_FORMAT_PCM_FLOAT);
-    EXPECT_EQ(command(EFFECT_CMD_SET_CONFIG, sizeof config, &config), 0);
-    uint32_t block[4 + sizeof(sorn_hp_params_t) / 4] = {0, 4, sizeof(sorn_hp_params_t), 100};
-    EXPECT_EQ(command(EFFECT_CMD_SET_PARAM, sizeof block, block), 0);
-    uint32_t device = AUDIO_DEVICE_OUT_BLUETOOTH_A2DP;
-    command(EFFECT_CMD_SET_DEVICE, 4, &device);
-    EXPECT_EQ(command(EFFECT_CMD_ENABLE, 0, nullptr), 0);
-
+    sorn_test::Effect fx(aeli, &d.uuid);
+    fx.make_ready(AUDIO_FORMAT_PCM_FLOAT);
+    ASSERT_EQ(fx.status_cmd(EFFECT_CMD_ENABLE), 0);
     std::vector<float> in(960, 0.25f), out(960);
-    audio_buffer_t ib{480, {in.data()}}, ob{480, {out.data()}};
-    for (int call = 0; call < 4; ++call) ASSERT_EQ((*h)->process(h, &ib, &ob), 0);
+    for (int call = 0; call < 4; ++call) ASSERT_EQ(fx.process(in.data(), out.data(), 480), 0);
     EXPECT_NE(out, std::vector<float>(960, 0.0f)) << "sound leaves after the latency";
-    EXPECT_EQ(aeli->release_effect(h), 0);
+    EXPECT_EQ(fx.release(), 0);
     dlclose(lib);
 }
 

@@ -1,5 +1,5 @@
-// Drives one effect instance as Android's framework does: created through AELI and reached only
-// through the interface record that its handle points to.
+// Drives one effect instance as Android's framework does: created through a library record
+// (AELI) and reached only through the interface record that its handle points to.
 #ifndef SORN_TESTS_TEST_EFFECT_HARNESS_H
 #define SORN_TESTS_TEST_EFFECT_HARNESS_H
 
@@ -39,10 +39,22 @@ inline std::string ptr(const void *p) {
     return s;
 }
 
+inline bool has(const std::string &text, const std::string &part) {
+    return text.find(part) != std::string::npos;
+}
+
 struct Effect {
+    const audio_effect_library_t *lib;
     effect_handle_t h = nullptr;
-    Effect() { EXPECT_EQ(AELI.create_effect(&kSornUuid, 1, 1, &h), 0); }
-    ~Effect() { AELI.release_effect(h); }
+    explicit Effect(const audio_effect_library_t *l = &AELI, const effect_uuid_t *uuid = &kSornUuid) : lib(l) {
+        EXPECT_EQ(lib->create_effect(uuid, 1, 1, &h), 0);
+    }
+    ~Effect() { release(); }
+    int32_t release() {
+        const int32_t r = h != nullptr ? lib->release_effect(h) : 0;
+        h = nullptr;
+        return r;
+    }
 
     int32_t cmd(uint32_t code, uint32_t size, void *data, uint32_t *reply_size, void *reply) {
         return (*h)->command(h, code, size, data, reply_size, reply);
@@ -66,6 +78,7 @@ struct Effect {
         std::memcpy(p.data() + 16, value, vsize);
         return status_cmd(EFFECT_CMD_SET_PARAM, static_cast<uint32_t>(p.size()), p.data());
     }
+    int32_t set_bypass(uint32_t value, uint32_t vsize = 4) { return set_param(900, &value, vsize); }
     std::string status_text() {
         uint32_t query[4] = {0, 4, 1024, 201};
         std::vector<char> reply(1040);
@@ -74,7 +87,7 @@ struct Effect {
         EXPECT_EQ(reply_size, 1040u);
         return reply.data() + 16;
     }
-    bool active() { return status_text().find("state: 1  mute") != std::string::npos; }
+    bool active() { return has(status_text(), "state: 1  mute"); }
     int32_t process(void *in, void *out, size_t frames) {
         audio_buffer_t ib{frames, {in}}, ob{frames, {out}};
         return (*h)->process(h, &ib, &ob);
