@@ -83,13 +83,17 @@ run_valgrind() {
     local vg="valgrind -q --error-exitcode=99 --leak-check=full --track-origins=yes"
     vg+=" --errors-for-leak-kinds=definite,indirect,possible"
     vg+=" --show-leak-kinds=definite,indirect,possible --soname-synonyms=somalloc=nouserintercepts"
-    local cmds=() t name
-    for t in build/test_*; do
-        [[ -x "$t" && -f "$t" ]] && cmds+=("$vg $t --gtest_brief=1")
+    # The executables of the current sources (a folder may still hold those of removed ones).
+    local cmds=() src name
+    for src in tests/test_*.cpp; do
+        name=$(basename "$src" .cpp)
+        [[ -x build/$name ]] && cmds+=("$vg build/$name --gtest_brief=1")
     done
-    for t in build/fuzz/replay_*; do
-        name=${t##*/replay_}
-        cmds+=("$vg $t fuzz/corpus/$name $( [[ -d fuzz/regressions/$name ]] && echo fuzz/regressions/$name)")
+    for src in fuzz/fuzz_*.cpp; do
+        name=$(basename "$src" .cpp)
+        name=${name#fuzz_}
+        [[ -x build/fuzz/replay_$name ]] || continue
+        cmds+=("$vg build/fuzz/replay_$name fuzz/corpus/$name $( [[ -d fuzz/regressions/$name ]] && echo fuzz/regressions/$name)")
     done
     mkdir -p build/valgrind
     rm -f build/valgrind/*.log
