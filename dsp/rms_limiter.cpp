@@ -122,6 +122,20 @@ int32_t hold_samples(float hold_ms) {
     return sorn::sat_i32(4 * static_cast<int64_t>(sorn::sat_f2i32(hold_ms * 12.0f)));
 }
 
+/* The per-sample step that ramps the gain by `diff` over `ramp_ms` (a ramp shorter than one
+   sample jumps: *instant), arming the hold when the ramp changes direction. */
+float start_ramp(sa6_dynamic_processor_t *st, float diff, float ramp_ms, float hold_ms,
+                 int32_t direction, bool *instant) {
+    float span = ramp_ms * kSamplesPerMs;
+    *instant = !(span >= 1.0f);
+    if (*instant) span = 1.0f;
+    if (st->ramp_state != direction) {
+        st->ramp_state = direction;
+        st->hold_count = hold_samples(hold_ms);
+    }
+    return diff / span;
+}
+
 int32_t hold_after(int32_t hold, int frames) {
     const int64_t left = static_cast<int64_t>(hold) - frames;
     return left > 0 ? static_cast<int32_t>(left) : 0;
@@ -153,23 +167,9 @@ void run_gain(sa6_dynamic_processor_t *st, Levels lv, int frames, Emit emit) {
     float step = 0.0f;
     bool instant = false;
     if (diff < 0.0f) {
-        float span = st->gain_attack * kSamplesPerMs;
-        instant = !(span >= 1.0f);
-        if (instant) span = 1.0f;
-        step = diff / span;
-        if (st->ramp_state != kRampFalling) {
-            st->ramp_state = kRampFalling;
-            st->hold_count = hold_samples(st->gain_hold_attack);
-        }
+        step = start_ramp(st, diff, st->gain_attack, st->gain_hold_attack, kRampFalling, &instant);
     } else if (diff > 0.0f) {
-        float span = st->gain_release * kSamplesPerMs;
-        instant = !(span >= 1.0f);
-        if (instant) span = 1.0f;
-        step = diff / span;
-        if (st->ramp_state != kRampRising) {
-            st->ramp_state = kRampRising;
-            st->hold_count = hold_samples(st->gain_hold_release);
-        }
+        step = start_ramp(st, diff, st->gain_release, st->gain_hold_release, kRampRising, &instant);
     } else {
         st->ramp_state = kRampNone;  // on target, or a NaN target: the gain stays
     }
