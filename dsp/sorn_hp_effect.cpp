@@ -103,8 +103,8 @@ void* sorn_hp_effect_init(unsigned int sample_rate, int chnnum) {
     chain->compressor = make_compressor(chain->sample_rate_type);
     chain->limiter = rms_limiter_init(static_cast<int>(sample_rate), chnnum);
 
-    if (chain->fir_l == nullptr || chain->fir_r == nullptr || chain->surround == nullptr ||
-        chain->compressor == nullptr || chain->limiter == nullptr) {
+    // The filters and the compressor carry the path; a missing surround or limiter is skipped.
+    if (chain->fir_l == nullptr || chain->fir_r == nullptr || chain->compressor == nullptr) {
         destroy(chain);
         return nullptr;
     }

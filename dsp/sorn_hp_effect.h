@@ -9,10 +9,10 @@
  *
  * Contract
  *  - sorn_hp_effect_init takes the stream rate and the channel count. Fewer than 2 channels is
- *    refused with an ERROR line and a null result. If any block cannot be made (a FIR record or
- *    its buffers, the compressor or either of its channels, the surround, the limiter), init
- *    frees everything it made and returns null without a message: a chain is either complete
- *    or absent, never running with a block missing.
+ *    refused with an ERROR line and a null result. If a FIR record or its buffers, or the
+ *    compressor or either of its channels, cannot be made, init frees everything it made and
+ *    returns null without a message. A surround or limiter whose creation returns null is kept
+ *    as null: its operations skip it, so that block is simply absent from the path.
  *  - sorn_hp_effect_core_process allocates nothing, never logs, never blocks. `frames` must be
  *    the block length of the chain's rate class (220 at 44100 Hz, 240 at the other accepted
  *    rates); a null plane or frames below 1 leaves the planes and every block untouched.
