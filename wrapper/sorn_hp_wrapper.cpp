@@ -30,7 +30,6 @@ constexpr int32_t kSampleBytes[4] = {2, 4, 4, 4};
 constexpr int32_t kSampleBits[4] = {16, 32, 32, 32};
 constexpr int kFormatScaled31 = 3;  // int32 with full scale 2^31, converted on entry and exit
 
-constexpr int kSwitchBlocks = 4;       // three warm-up blocks, the fourth cross-fades
 constexpr int kMuteBlocks = 15;        // audible-in, silent-out blocks before the trip
 constexpr int kActiveCountWrap = 149;  // the input-activity count starts over above this
 
