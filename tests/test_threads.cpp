@@ -12,12 +12,12 @@
 #include <vector>
 
 #include "effect/sorn_hp_entry.h"
+#include "tests/test_effect_harness.h"
 #include "wrapper/sorn_hp_params.h"
 
 namespace {
 
-constexpr effect_uuid_t kUuid = {0x40050b20, 0x6999, 0x11e0, 0xb0d8,
-                                 {0x00, 0x02, 0xa5, 0xd5, 0xc5, 0x34}};
+constexpr const effect_uuid_t &kUuid = sorn_test::kSornUuid;
 constexpr int kThreads = 4;
 constexpr size_t kCall = 480;
 
@@ -47,13 +47,7 @@ int32_t send_block(effect_handle_t h, int variant) {
 }
 
 int32_t configure(effect_handle_t h, uint32_t format, uint32_t rate) {
-    effect_config_t c{};
-    for (buffer_config_t *b : {&c.inputCfg, &c.outputCfg}) {
-        b->samplingRate = rate;
-        b->channels = AUDIO_CHANNEL_OUT_STEREO;
-        b->format = static_cast<uint8_t>(format);
-    }
-    c.inputCfg.accessMode = EFFECT_BUFFER_ACCESS_READ;
+    effect_config_t c = sorn_test::make_config(format, rate);
     return status_cmd(h, EFFECT_CMD_SET_CONFIG, sizeof c, &c);
 }
 
