@@ -93,7 +93,10 @@ int copy_groups(sorn_hp_wrapper_t* w, const sorn_hp_params_t* p) {
 void sorn_hp_wrapper_set_parameters(void* handle, void* params) {
     auto* w = static_cast<sorn_hp_wrapper_t*>(handle);
     if (w == nullptr || params == nullptr || w->state == 0) return;
-    const auto* p = static_cast<const sorn_hp_params_t*>(params);
+    // Read through a copy: the caller's bytes need no particular alignment.
+    sorn_hp_params_t block;
+    std::memcpy(&block, params, sizeof block);
+    const sorn_hp_params_t* p = &block;
 
     void* target = choose_target(w);
     apply_surround(w, p, target);

@@ -6,8 +6,10 @@
  * surround switch, 5 reserved words, then the lc (12), hp (12) and ea (8) frequency and gain
  * tables. sorn_hp_status_t: lc, hp, ea, the effective surround switch and the wrapper state.
  *
- * sorn_hp_wrapper_set_parameters runs on the command path: it designs FIR taps, allocates and
- * logs there, and never runs inside process.
+ * sorn_hp_wrapper_set_parameters reads all 292 bytes at `params` (any alignment; a null block
+ * or handle, or a wrapper in state 0, is ignored). It runs on the command path: it designs FIR
+ * taps, allocates and logs there, and never runs inside process. get_parameters writes the 20
+ * bytes of the status record to `out` unless the handle or `out` is null or the state is 0.
  */
 #ifndef SORN_WRAPPER_SORN_HP_PARAMS_H
 #define SORN_WRAPPER_SORN_HP_PARAMS_H
