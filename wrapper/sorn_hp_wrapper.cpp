@@ -130,13 +130,7 @@ void scale_down_31_to_23(int32_t* s, std::size_t n) {
 
 // 24-bit scale back to full scale 2^31; anything beyond the 24-bit range saturates.
 void scale_up_23_to_31(int32_t* s, std::size_t n) {
-    for (std::size_t i = 0; i < n; ++i) {
-        const int32_t v = s[i];
-        if (v >= -8388608 && v <= 8388607)
-            s[i] = v * 256;
-        else
-            s[i] = v > 0 ? INT32_MAX : INT32_MIN;
-    }
+    for (std::size_t i = 0; i < n; ++i) s[i] = sorn::sat_i32(static_cast<int64_t>(s[i]) * 256);
 }
 
 // 24-bit scale to int16, rounding to nearest and saturating. The rounding offset is added in
