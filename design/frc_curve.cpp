@@ -8,7 +8,7 @@
 
 #include "design/cubic_interp.h"
 #include "design/minimum_phase.h"
-#include "dsp/sat_math.h"
+#include "platform/sat_math.h"
 #include "dsp/sorn_hp_effect.h"
 #include "platform/sorn_log.h"
 

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "dsp/sat_math.h"
+#include "platform/sat_math.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 
-#include "dsp/sat_math.h"
+#include "platform/sat_math.h"
 
 namespace {
 

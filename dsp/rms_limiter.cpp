@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "dsp/sat_math.h"
+#include "platform/sat_math.h"
 #include "platform/sorn_log.h"
 
 namespace {

@@ -7,7 +7,7 @@
 #include <cstdlib>
 
 #include "dsp/rms_limiter.h"
-#include "dsp/sat_math.h"
+#include "platform/sat_math.h"
 #include "dsp/stereo_surround.h"
 #include "platform/sorn_log.h"
 

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "dsp/sat_math.h"
+#include "platform/sat_math.h"
 #include "platform/sorn_log.h"
 
 namespace {

@@ -4,7 +4,7 @@
 
 #include <cutils/properties.h>
 
-#include "dsp/sat_math.h"
+#include "platform/sat_math.h"
 #include "platform/sorn_log.h"
 #include "wrapper/sorn_hp_params.h"
 #include "wrapper/sorn_hp_wrapper.h"

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <cstdio>
 
-#include "dsp/sat_math.h"
+#include "platform/sat_math.h"
 #include "platform/sorn_log.h"
 
 namespace {

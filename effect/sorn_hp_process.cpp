@@ -6,7 +6,7 @@
 
 #include <audio_utils/format.h>
 
-#include "dsp/sat_math.h"
+#include "platform/sat_math.h"
 #include "effect/sorn_hp_context.h"
 #include "effect/sorn_hp_diag.h"
 #include "platform/sorn_log.h"

@@ -9,7 +9,7 @@
 #include <cmath>
 #include <cstring>
 
-#include "dsp/sat_math.h"
+#include "platform/sat_math.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "design/minimum_phase.h"
-#include "dsp/sat_math.h"
+#include "platform/sat_math.h"
 #include "dsp/sorn_hp_effect.h"
 
 namespace {

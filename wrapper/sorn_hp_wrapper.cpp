@@ -14,7 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "dsp/sat_math.h"
+#include "platform/sat_math.h"
 #include "dsp/sorn_hp_effect.h"
 #include "platform/sorn_log.h"
 

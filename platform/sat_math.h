@@ -1,13 +1,14 @@
 /*
- * The library's one set of saturating conversions and fixed-point product helpers. Every block
+ * The library's one set of saturating conversions and fixed-point product helpers, kept in the
+ * lowest layer so that every layer, the platform conversions included, can use them. Every block
  * that narrows a float or a 64-bit product to int32 uses these; none writes its own.
  *
  * Contract (all functions): pure, constexpr-capable where the language allows, no allocation,
  * defined for every input. Float to integer conversions truncate toward zero, saturate at the
  * target range and map NaN to 0 (the same on every CPU, unlike a plain cast).
  */
-#ifndef SORN_DSP_SAT_MATH_H
-#define SORN_DSP_SAT_MATH_H
+#ifndef SORN_PLATFORM_SAT_MATH_H
+#define SORN_PLATFORM_SAT_MATH_H
 
 #ifdef __cplusplus
 
@@ -55,4 +56,4 @@ inline constexpr float kQ23ToFloat = 1.1920929e-7f; /* exactly 2^-23 */
 
 #endif /* __cplusplus */
 
-#endif /* SORN_DSP_SAT_MATH_H */
+#endif /* SORN_PLATFORM_SAT_MATH_H */
