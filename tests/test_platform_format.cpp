@@ -116,7 +116,8 @@ TEST(PlatformFormat, EveryPairOutOfPlaceAndInPlace) {
 
 TEST(PlatformFormat, UnconvertedPairsUnknownFormatsAndNullBuffersLeaveDestinationAlone) {
     const audio_format_t pairs[][2] = {{Q824, F8}, {Q824, F32}, {P24, F8}, {F32, AUDIO_FORMAT_DEFAULT},
-                                       {AUDIO_FORMAT_INVALID, AUDIO_FORMAT_INVALID}, {7, 7}, {F16, 0x01000001u}};
+                                       {AUDIO_FORMAT_INVALID, AUDIO_FORMAT_INVALID}, {audio_format_t{7}, audio_format_t{7}},
+                                       {F16, audio_format_t{0x01000001u}}};
     const Bytes in(64, 0x11);
     Bytes dst(64, 0xA5);
     for (const auto &p : pairs) memcpy_by_audio_format(dst.data(), p[0], in.data(), p[1], 8);
