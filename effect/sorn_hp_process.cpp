@@ -67,7 +67,18 @@ bool has_non_finite(const void *raw, size_t count) {
 // holding any is first copied into the working block with each NaN made 0.0 (silence) and each
 // infinity 1.0 or -1.0 (the rail of its sign), and converted there in place: the chain never
 // sees a NaN as a full-scale sample, on any processor. The framework's buffer is not written.
+// 8.24 input is widened here as well: Android's conversion leaves 8.24 to 32-bit unconverted
+// (a silent no-op in release builds), so it is v << 8, saturating beyond +-1.0.
 void convert_input(sorn_hp_context_t *ctx, const void *raw, size_t samples) {
+    if (ctx->format == AUDIO_FORMAT_PCM_8_24_BIT) {
+        const auto *in = static_cast<const unsigned char *>(raw);
+        for (size_t i = 0; i < samples; ++i) {
+            int32_t v;
+            std::memcpy(&v, in + 4 * i, sizeof v);
+            ctx->work_buffer[i] = sorn::sat_i32(int64_t{v} * 256);
+        }
+        return;
+    }
     if (ctx->format != AUDIO_FORMAT_PCM_FLOAT || !has_non_finite(raw, samples)) {
         memcpy_by_audio_format(ctx->work_buffer, AUDIO_FORMAT_PCM_32_BIT, raw, ctx->format,
                                samples);

@@ -17,6 +17,8 @@
  * Float input that is NaN or infinite never reaches the chain or the output as such, on any
  * processor: a NaN counts as silence (0) and an infinity as the rail of its sign; other floats
  * beyond full scale are clamped by the conversion. Finite float input costs one vectorized scan.
+ * 8.24 input, which the platform's conversion leaves unconverted, is widened here (v << 8,
+ * saturating); the other formats go through the platform's memcpy_by_audio_format.
  *
  * The working buffers are resized only when the frame count changes (at most 2^24 frames per
  * call); on failure the old buffers stay and the call is refused. Otherwise process never

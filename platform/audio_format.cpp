@@ -74,8 +74,6 @@ int32_t int_from_float(float f, float limit) {
 }
 
 int32_t i32_from_i16(int16_t s) { return static_cast<int32_t>(static_cast<uint32_t>(s) << 16); }
-int32_t i32_from_u8(uint8_t u) { return static_cast<int32_t>(static_cast<uint32_t>(u - 0x80) << 24); }
-int32_t i32_from_q8_23(int32_t v) { return sorn::sat_i32(static_cast<int64_t>(v) * 256); }
 int32_t i32_from_p24(int32_t v) { return static_cast<int32_t>(static_cast<uint32_t>(v) << 8); }
 
 int16_t i16_from_u8(uint8_t u) { return static_cast<int16_t>((u - 0x80) * 256); }
@@ -192,8 +190,7 @@ constexpr Converter kTable[kFormats][kFormats] = {
                   run<I16, P24, i16_from_p24>},
     /* dst 8 */ {run<U8, I16, u8_from_i16>, nullptr, run<U8, I32, u8_from_i32>,
                  run<U8, Q8_23, u8_from_q8_23>, run<U8, F32, u8_from_f32>, run<U8, P24, u8_from_p24>},
-    /* dst 32 */ {run<I32, I16, i32_from_i16>, run<I32, U8, i32_from_u8>, nullptr,
-                  run<I32, Q8_23, i32_from_q8_23>, i32_from_f32_buffer,
+    /* dst 32 */ {run<I32, I16, i32_from_i16>, nullptr, nullptr, nullptr, i32_from_f32_buffer,
                   run<I32, P24, i32_from_p24>},
     /* dst 8_24 */ {run<Q8_23, I16, q8_23_from_i16>, nullptr, nullptr, nullptr,
                     run<Q8_23, F32, q8_23_from_f32>, run<Q8_23, P24, q8_23_from_p24>},

@@ -14,12 +14,9 @@
  *     clamps to the integer range, integer to float scales exactly (32-bit to float rounds to
  *     the nearest float, so 0x7FFFFFFF becomes 1.0f). Float output is not clamped: 8.24 input
  *     beyond +-1.0 stays beyond it.
- *   - Two pairs Android leaves unconverted are defined here: 8.24 to 32-bit shifts left by 8
- *     with saturation (8.24 values beyond +-1.0 become INT32_MAX / INT32_MIN), and 8-bit to
- *     32-bit is (u - 0x80) << 24.
- *   - Every other pair (32-bit or 8-bit to 8.24, 8-bit to packed 24-bit) and every format
- *     that is not one of the six, equal or not: dst is left untouched and nothing is logged,
- *     as on Android release builds.
+ *   - The pairs Android leaves unconverted (8-bit or 8.24 to 32-bit, 32-bit or 8-bit to 8.24,
+ *     8-bit to packed 24-bit) and every format that is not one of the six, equal or not: dst
+ *     is left untouched and nothing is logged, as on Android release builds.
  *   - Non-finite float input follows the same formulas, with no rule of its own: +-Inf and any
  *     float beyond full scale saturate to the destination's limits; a NaN gives the upper limit
  *     in 16-bit (0x7FFF), 8-bit (0xFF), 8.24 (0x007FFFFF) and packed 24-bit (0x7FFFFF), because
