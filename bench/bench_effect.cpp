@@ -2,9 +2,18 @@
 // the framework calls it. "rtf" is processing time over audio time (lower is better),
 // "x_realtime" its inverse. BM_EffectPassThrough is a configured instance that is not enabled:
 // conversions, silence test and statistics only, the front end's own share of a call.
+//
+// A/B in one run: with SORN_BENCH_BASELINE=/path/to/libsorn_hp_sfx_aw.so (another build of the
+// library, e.g. without a change under study), BM_EffectFloat/baseline runs the same benchmark
+// through that library's AELI, loaded as the framework loads it. Add
+// --benchmark_enable_random_interleaving=true --benchmark_repetitions=N so that both see the
+// same machine load.
 #include <benchmark/benchmark.h>
+#include <dlfcn.h>
 
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <vector>
 
 #include "effect/sorn_hp_entry.h"
@@ -25,9 +34,9 @@ int32_t send(effect_handle_t h, uint32_t code, uint32_t size, void *data) {
 }
 
 // A tuned instance: lc curve with surround, on a wired headphone, optionally enabled.
-effect_handle_t make_effect(audio_format_t format, bool enable) {
+effect_handle_t make_effect(const audio_effect_library_t *lib, audio_format_t format, bool enable) {
     effect_handle_t h = nullptr;
-    if (AELI.create_effect(&kUuid, 0, 1, &h) != 0) return nullptr;
+    if (lib->create_effect(&kUuid, 0, 1, &h) != 0) return nullptr;
     effect_config_t config{};
     for (buffer_config_t *b : {&config.inputCfg, &config.outputCfg}) {
         b->samplingRate = 48000;
@@ -53,7 +62,7 @@ effect_handle_t make_effect(audio_format_t format, bool enable) {
         send(h, EFFECT_CMD_SET_PARAM, sizeof param, &param) != 0 ||
         send(h, EFFECT_CMD_SET_DEVICE, sizeof device, &device) != 0 ||
         (enable && send(h, EFFECT_CMD_ENABLE, 0, nullptr) != 0)) {
-        AELI.release_effect(h);
+        lib->release_effect(h);
         return nullptr;
     }
     return h;
@@ -71,8 +80,9 @@ std::vector<T> tone_block() {
 }
 
 template <typename T>
-void run(benchmark::State &state, audio_format_t format, bool enable) {
-    effect_handle_t h = make_effect(format, enable);
+void run(benchmark::State &state, audio_format_t format, bool enable,
+         const audio_effect_library_t *lib = &AELI) {
+    effect_handle_t h = make_effect(lib, format, enable);
     if (h == nullptr) {
         state.SkipWithError("effect setup failed");
         return;
@@ -89,7 +99,7 @@ void run(benchmark::State &state, audio_format_t format, bool enable) {
         kCallSeconds, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
     state.counters["x_realtime"] =
         benchmark::Counter(kCallSeconds, benchmark::Counter::kIsIterationInvariantRate);
-    AELI.release_effect(h);
+    lib->release_effect(h);
 }
 
 void BM_EffectFloat(benchmark::State &s) { run<float>(s, AUDIO_FORMAT_PCM_FLOAT, true); }
@@ -99,5 +109,21 @@ void BM_EffectPassThrough(benchmark::State &s) { run<float>(s, AUDIO_FORMAT_PCM_
 BENCHMARK(BM_EffectFloat);
 BENCHMARK(BM_Effect16Bit);
 BENCHMARK(BM_EffectPassThrough);
+
+const bool kBaselineRegistered = [] {
+    const char *path = std::getenv("SORN_BENCH_BASELINE");
+    if (path == nullptr || *path == '\0') return false;
+    void *so = dlopen(path, RTLD_NOW | RTLD_LOCAL);
+    const auto *lib = so != nullptr ? static_cast<const audio_effect_library_t *>(dlsym(so, "AELI"))
+                                    : nullptr;
+    if (lib == nullptr) {
+        std::fprintf(stderr, "bench_effect: no AELI in %s: %s\n", path, so ? "" : dlerror());
+        return false;
+    }
+    benchmark::RegisterBenchmark("BM_EffectFloat/baseline", [lib](benchmark::State &s) {
+        run<float>(s, AUDIO_FORMAT_PCM_FLOAT, true, lib);
+    });
+    return true;
+}();
 
 }  // namespace

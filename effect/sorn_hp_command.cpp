@@ -39,6 +39,14 @@ bool has_int_reply(const uint32_t *replySize, const void *pReplyData) {
     return pReplyData != nullptr && replySize != nullptr && *replySize == sizeof(int32_t);
 }
 
+// The framework's mode word as an audio_mode_t, which holds only the modes -2..6: any other
+// word is no mode at all and is kept as AUDIO_MODE_INVALID (never the normal mode).
+audio_mode_t mode_from_word(uint32_t word) {
+    const auto v = static_cast<int32_t>(word);
+    if (v < AUDIO_MODE_INVALID || v > AUDIO_MODE_COMMUNICATION_REDIRECT) return AUDIO_MODE_INVALID;
+    return static_cast<audio_mode_t>(v);
+}
+
 // Re-decides whether the processed output is wanted; a wanted output starts from a clean chain.
 void evaluate(sorn_hp_context_t *ctx) {
     const bool wanted = is_support_effect(ctx);
@@ -200,8 +208,8 @@ int32_t command(effect_handle_t self, uint32_t cmdCode, uint32_t cmdSize, void *
 
         case EFFECT_CMD_SET_DEVICE: {
             if (cmdSize != sizeof(uint32_t) || pCmdData == nullptr) return -22;
-            const uint32_t device = load_u32(pCmdData, 0);
-            if (device == 0 || device == ctx->device) {
+            const auto device = static_cast<audio_devices_t>(load_u32(pCmdData, 0));
+            if (device == AUDIO_DEVICE_NONE || device == ctx->device) {
                 SORN_LOGW(kTag, "EFFECT_CMD_SET_DEVICE invalid device");
             } else {
                 ctx->device = device;
@@ -214,7 +222,7 @@ int32_t command(effect_handle_t self, uint32_t cmdCode, uint32_t cmdSize, void *
 
         case EFFECT_CMD_SET_AUDIO_MODE: {
             if (cmdSize != sizeof(uint32_t) || pCmdData == nullptr) return -22;
-            const uint32_t mode = load_u32(pCmdData, 0);
+            const audio_mode_t mode = mode_from_word(load_u32(pCmdData, 0));
             if (mode != ctx->mode) {
                 ctx->mode = mode;
                 evaluate(ctx);

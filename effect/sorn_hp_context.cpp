@@ -1,6 +1,7 @@
 #include "effect/sorn_hp_context.h"
 
 #include <cstdlib>
+#include <type_traits>
 
 #include <cutils/properties.h>
 
@@ -8,6 +9,21 @@
 #include "platform/sorn_log.h"
 #include "wrapper/sorn_hp_params.h"
 #include "wrapper/sorn_hp_wrapper.h"
+
+// The platform's C++ headers make these enumerations that no integer converts to implicitly;
+// the host stand-in must do the same, or code that mixes them with integers builds here and
+// fails in a device build.
+static_assert(std::is_enum_v<audio_format_t> &&
+              std::is_same_v<std::underlying_type_t<audio_format_t>, uint32_t>);
+static_assert(std::is_enum_v<audio_devices_t> &&
+              std::is_same_v<std::underlying_type_t<audio_devices_t>, uint32_t>);
+static_assert(std::is_enum_v<audio_channel_mask_t> &&
+              std::is_same_v<std::underlying_type_t<audio_channel_mask_t>, uint32_t>);
+static_assert(std::is_enum_v<audio_mode_t> && sizeof(audio_mode_t) == sizeof(int32_t));
+static_assert(!std::is_convertible_v<uint32_t, audio_format_t> &&
+              !std::is_convertible_v<uint32_t, audio_devices_t> &&
+              !std::is_convertible_v<uint32_t, audio_channel_mask_t> &&
+              !std::is_convertible_v<int32_t, audio_mode_t>);
 
 namespace {
 
@@ -23,7 +39,7 @@ constexpr audio_devices_t kSupportedDevices[] = {
 };
 
 // Formats the output stage of process can write back.
-bool is_writable_format(uint32_t format) {
+bool is_writable_format(audio_format_t format) {
     return format == AUDIO_FORMAT_PCM_16_BIT || format == AUDIO_FORMAT_PCM_32_BIT ||
            format == AUDIO_FORMAT_PCM_8_24_BIT || format == AUDIO_FORMAT_PCM_FLOAT;
 }
@@ -39,6 +55,7 @@ int32_t configure(sorn_hp_context_t *ctx, effect_config_t *config) {
               static_cast<int>(out.channels), static_cast<int>(in.samplingRate), in.accessMode,
               out.accessMode);
 
+    const auto format = static_cast<audio_format_t>(in.format);  // the platform narrows it to 8 bits
     const char *problem = nullptr;
     if (in.channels != AUDIO_CHANNEL_OUT_STEREO || out.channels != AUDIO_CHANNEL_OUT_STEREO) {
         problem = "%s: channels configure error";
@@ -46,7 +63,7 @@ int32_t configure(sorn_hp_context_t *ctx, effect_config_t *config) {
                (out.accessMode != EFFECT_BUFFER_ACCESS_WRITE &&
                 out.accessMode != EFFECT_BUFFER_ACCESS_ACCUMULATE)) {
         problem = "%s: accessMode configure error";
-    } else if (in.format != out.format || !is_writable_format(in.format)) {
+    } else if (in.format != out.format || !is_writable_format(format)) {
         problem = "%s: format configure error";
     }
     if (problem != nullptr) {
@@ -59,7 +76,7 @@ int32_t configure(sorn_hp_context_t *ctx, effect_config_t *config) {
         SORN_LOGI(kTag, "%s: samplingRate configure %d", "configure",
                   static_cast<int>(in.samplingRate));
     }
-    ctx->format = in.format;
+    ctx->format = format;
     ctx->config = *config;
     ctx->configured = 1;
     return init(ctx, in.samplingRate);
@@ -107,8 +124,7 @@ bool is_support_audiomode(audio_mode_t mode) { return mode == AUDIO_MODE_NORMAL;
 
 bool is_support_effect(sorn_hp_context_t *ctx) {
     if (ctx == nullptr) return false;
-    return is_support_device(ctx->device) &&
-           is_support_audiomode(static_cast<audio_mode_t>(ctx->mode)) &&
+    return is_support_device(ctx->device) && is_support_audiomode(ctx->mode) &&
            ctx->params_loaded == 1 && ctx->enabled == 1 && (ctx->bypass & 1) == 0 &&
            (ctx->configured & 1) == 1;
 }

@@ -18,6 +18,11 @@
  * is_support_effect: the output is wanted only for one supported headphone-type device (exact
  * value, not a bit test), normal mode, parameters loaded, enabled, bypass off and configured.
  *
+ * device, mode and format hold the platform's enumeration types; the framework's integers
+ * (the SET_DEVICE and SET_AUDIO_MODE words, the configuration's 8-bit format) are converted
+ * once where they are read, so the library builds against the platform's C++ headers. A mode
+ * word that names no mode (outside -2..6) is kept as AUDIO_MODE_INVALID.
+ *
  * configure and init run on the command path: they may allocate, log and design filters (via
  * the wrapper). The predicates are pure. Nothing here locks; the framework never runs command
  * and process of one instance at the same time.
@@ -48,11 +53,11 @@ typedef struct sorn_hp_context_s {
     uint8_t enabled;
     uint8_t bypass;
     uint8_t configured;
-    uint32_t device;                            /* audio_devices_t */
-    uint32_t mode;                              /* audio_mode_t */
+    audio_devices_t device;                     /* last SET_DEVICE value, as sent */
+    audio_mode_t mode;                          /* last SET_AUDIO_MODE value */
     uint32_t sample_rate;                       /* rate the wrapper was made for */
     uint32_t frame_count;                       /* frames the two buffers hold */
-    uint32_t format;                            /* audio_format_t of the framework's buffers */
+    audio_format_t format;                      /* format of the framework's buffers */
     int32_t mute;                               /* 0 sound, 1 fading out, 2 muted */
     int32_t prev_mute;
     uint32_t silent_frames;

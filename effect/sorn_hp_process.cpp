@@ -1,5 +1,6 @@
 #include "effect/sorn_hp_process.h"
 
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <sys/time.h>
@@ -38,6 +39,62 @@ bool resize_buffers(sorn_hp_context_t *ctx, size_t frames) {
     ctx->dry_buffer = dry;
     ctx->frame_count = static_cast<uint32_t>(frames);
     return true;
+}
+
+// True when any of `count` float samples is a NaN or an infinity (all exponent bits set). The
+// bits are scanned whole chunks at a time, with no early exit, so the loop vectorizes: for
+// finite input this scan is the whole cost of the guard below.
+bool has_non_finite(const void *raw, size_t count) {
+    constexpr uint32_t kExponent = 0x7F800000u;
+    const auto *bytes = static_cast<const unsigned char *>(raw);
+    uint32_t found = 0;
+    size_t i = 0;
+    for (; i + 16 <= count; i += 16) {
+        uint32_t chunk[16];
+        std::memcpy(chunk, bytes + 4 * i, sizeof chunk);
+        for (uint32_t b : chunk) found |= (b & kExponent) == kExponent;
+    }
+    for (; i < count; ++i) {
+        uint32_t b;
+        std::memcpy(&b, bytes + 4 * i, sizeof b);
+        found |= (b & kExponent) == kExponent;
+    }
+    return found != 0;
+}
+
+// Input conversion into the working block. The platform's conversion has no rule for non-finite
+// floats (on x86 a NaN becomes a full-scale negative sample, on arm64 silence), so float input
+// holding any is first copied into the working block with each NaN made 0.0 (silence) and each
+// infinity 1.0 or -1.0 (the rail of its sign), and converted there in place: the chain never
+// sees a NaN as a full-scale sample, on any processor. The framework's buffer is not written.
+// 8.24 input is widened here as well: Android's conversion leaves 8.24 to 32-bit unconverted
+// (a silent no-op in release builds), so it is v << 8, saturating beyond +-1.0.
+void convert_input(sorn_hp_context_t *ctx, const void *raw, size_t samples) {
+    if (ctx->format == AUDIO_FORMAT_PCM_8_24_BIT) {
+        const auto *in = static_cast<const unsigned char *>(raw);
+        for (size_t i = 0; i < samples; ++i) {
+            int32_t v;
+            std::memcpy(&v, in + 4 * i, sizeof v);
+            ctx->work_buffer[i] = sorn::sat_i32(int64_t{v} * 256);
+        }
+        return;
+    }
+    if (ctx->format != AUDIO_FORMAT_PCM_FLOAT || !has_non_finite(raw, samples)) {
+        memcpy_by_audio_format(ctx->work_buffer, AUDIO_FORMAT_PCM_32_BIT, raw, ctx->format,
+                               samples);
+        return;
+    }
+    const auto *in = static_cast<const unsigned char *>(raw);
+    auto *work = reinterpret_cast<unsigned char *>(ctx->work_buffer);
+    for (size_t i = 0; i < samples; ++i) {
+        float f;
+        std::memcpy(&f, in + 4 * i, sizeof f);
+        if (std::isnan(f)) f = 0.0f;
+        else if (std::isinf(f)) f = f > 0.0f ? 1.0f : -1.0f;
+        std::memcpy(work + 4 * i, &f, sizeof f);
+    }
+    memcpy_by_audio_format(ctx->work_buffer, AUDIO_FORMAT_PCM_32_BIT, ctx->work_buffer,
+                           AUDIO_FORMAT_PCM_FLOAT, samples);
 }
 
 bool all_zero(const int32_t *samples, size_t count) {
@@ -184,8 +241,7 @@ int32_t process(effect_handle_t self, audio_buffer_t *inBuffer, audio_buffer_t *
     }
     const size_t samples = size_t{ctx->frame_count} * 2;
     const size_t bytes = samples * sizeof(int32_t);
-    memcpy_by_audio_format(ctx->work_buffer, AUDIO_FORMAT_PCM_32_BIT, inBuffer->raw, ctx->format,
-                           samples);
+    convert_input(ctx, inBuffer->raw, samples);
 
     if (update_silence(ctx)) {
         struct timeval start;

@@ -14,8 +14,11 @@
  * output becomes 0); 16-bit w >> 16 (accumulated sums saturated); 8.24 w >> 8 (accumulated
  * sums wrap as plain 32-bit integers); 32-bit w (accumulated sums saturated). Accumulation
  * applies only to separate input and output buffers; in place is always overwritten.
- * Float input that is NaN or infinite never reaches the output as such: the input conversion
- * maps NaN to 0 and clamps the rest to full scale.
+ * Float input that is NaN or infinite never reaches the chain or the output as such, on any
+ * processor: a NaN counts as silence (0) and an infinity as the rail of its sign; other floats
+ * beyond full scale are clamped by the conversion. Finite float input costs one vectorized scan.
+ * 8.24 input, which the platform's conversion leaves unconverted, is widened here (v << 8,
+ * saturating); the other formats go through the platform's memcpy_by_audio_format.
  *
  * The working buffers are resized only when the frame count changes (at most 2^24 frames per
  * call); on failure the old buffers stay and the call is refused. Otherwise process never

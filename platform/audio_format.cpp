@@ -9,6 +9,14 @@
 #include <cmath>
 #include <cstring>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#define SORN_FORMAT_SSE2 1
+#elif defined(__aarch64__)
+#include <arm_neon.h>
+#define SORN_FORMAT_NEON 1
+#endif
+
 #include "platform/sat_math.h"
 
 namespace {
@@ -59,17 +67,14 @@ constexpr float kTwo23 = 8388608.0f;
 constexpr float kTwo31 = 2147483648.0f;
 
 // Float to a signed integer of `limit` = 2^(bits-1): scale, clamp to [-limit, limit - 1], round
-// half away from zero. fminf/fmaxf would turn NaN into the upper limit; here it becomes 0.
+// half away from zero. fminf returns its other argument for a NaN, so NaN gives limit - 1, and
+// the infinities give the limits; the cast always sees a value in range.
 int32_t int_from_float(float f, float limit) {
-    if (std::isnan(f)) return 0;
     return static_cast<int32_t>(std::roundf(std::fmaxf(std::fminf(f * limit, limit - 1.0f), -limit)));
 }
 
 int32_t i32_from_i16(int16_t s) { return static_cast<int32_t>(static_cast<uint32_t>(s) << 16); }
-int32_t i32_from_u8(uint8_t u) { return static_cast<int32_t>(static_cast<uint32_t>(u - 0x80) << 24); }
-int32_t i32_from_q8_23(int32_t v) { return sorn::sat_i32(static_cast<int64_t>(v) * 256); }
 int32_t i32_from_p24(int32_t v) { return static_cast<int32_t>(static_cast<uint32_t>(v) << 8); }
-int32_t i32_from_f32(float f) { return clamp32_from_float(f); }
 
 int16_t i16_from_u8(uint8_t u) { return static_cast<int16_t>((u - 0x80) * 256); }
 int16_t i16_from_i32(int32_t v) { return static_cast<int16_t>(v >> 16); }
@@ -98,6 +103,22 @@ int32_t p24_from_i32(int32_t v) { return v >> 8; }
 int32_t p24_from_q8_23(int32_t v) { return v > 0x7FFFFF ? 0x7FFFFF : (v < -0x800000 ? -0x800000 : v); }
 int32_t p24_from_f32(float f) { return int_from_float(f, kTwo23); }
 
+// Double to int32, truncating, by the processor's own conversion instruction: a NaN or an
+// out-of-range value gives what the processor gives (x86 CVTTSD2SI: INT32_MIN; arm64 FCVTZS to a
+// 32-bit register, here as the 64-bit conversion followed by a saturating narrow, which is the
+// same: saturation, NaN -> 0). No undefined behaviour is involved, unlike a plain cast of a NaN,
+// which is what Android's code does and compiles to these very instructions. Other targets fall
+// back to the plain cast.
+inline int32_t cpu_trunc_i32(double d) {
+#if defined(SORN_FORMAT_SSE2)
+    return _mm_cvttsd_si32(_mm_set_sd(d));
+#elif defined(SORN_FORMAT_NEON)
+    return vqmovnd_s64(vcvtd_s64_f64(d));
+#else
+    return static_cast<int32_t>(d);
+#endif
+}
+
 // --- Buffer loops -----------------------------------------------------------------------------
 
 using Converter = void (*)(void *dst, const void *src, size_t count);
@@ -113,6 +134,52 @@ void run(void *dst, const void *src, size_t count) {
     }
 }
 
+// Float to 32-bit, the input conversion of every float stream: clamp32_from_float on each sample,
+// four at a time with the same operations in vector form (the packed conversions CVTTPD2DQ and
+// FCVTZS give per lane what the scalar ones give), then the rest one by one. Same size in and
+// out, forwards: in place is safe.
+void i32_from_f32_buffer(void *dst, const void *src, size_t count) {
+    size_t i = 0;
+#if defined(SORN_FORMAT_SSE2)
+    const auto *in = static_cast<const float *>(src);
+    auto *out = static_cast<unsigned char *>(dst);
+    const __m128 lower = _mm_set1_ps(-1.0f), upper = _mm_set1_ps(1.0f), scale = _mm_set1_ps(kTwo31);
+    const __m128d half = _mm_set1_pd(0.5), sign = _mm_set1_pd(-0.0), zero = _mm_setzero_pd();
+    const __m128i min = _mm_set1_epi32(INT32_MIN), max = _mm_set1_epi32(INT32_MAX);
+    auto round_trunc = [&](__m128d x) {  // x + (x > 0 ? 0.5 : -0.5), truncated
+        return _mm_cvttpd_epi32(_mm_add_pd(x, _mm_or_pd(half, _mm_andnot_pd(_mm_cmpgt_pd(x, zero), sign))));
+    };
+    for (; i + 4 <= count; i += 4) {
+        const __m128 f = _mm_loadu_ps(in + i);
+        const __m128 x = _mm_mul_ps(f, scale);
+        const __m128i r = _mm_unpacklo_epi64(round_trunc(_mm_cvtps_pd(x)),
+                                             round_trunc(_mm_cvtps_pd(_mm_movehl_ps(x, x))));
+        const __m128i lo = _mm_castps_si128(_mm_cmple_ps(f, lower));
+        const __m128i hi = _mm_castps_si128(_mm_cmpge_ps(f, upper));
+        const __m128i rails = _mm_or_si128(_mm_and_si128(lo, min), _mm_and_si128(hi, max));
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(out + 4 * i),
+                         _mm_or_si128(_mm_andnot_si128(_mm_or_si128(lo, hi), r), rails));
+    }
+#elif defined(SORN_FORMAT_NEON)
+    const auto *in = static_cast<const float *>(src);
+    auto *out = static_cast<int32_t *>(dst);
+    const float64x2_t pos = vdupq_n_f64(0.5), neg = vdupq_n_f64(-0.5), zero = vdupq_n_f64(0.0);
+    auto round_trunc = [&](float64x2_t x) {  // x + (x > 0 ? 0.5 : -0.5), truncated, saturated
+        return vqmovn_s64(vcvtq_s64_f64(vaddq_f64(x, vbslq_f64(vcgtq_f64(x, zero), pos, neg))));
+    };
+    for (; i + 4 <= count; i += 4) {
+        const float32x4_t f = vld1q_f32(in + i);
+        const float32x4_t x = vmulq_f32(f, vdupq_n_f32(kTwo31));
+        int32x4_t r = vcombine_s32(round_trunc(vcvt_f64_f32(vget_low_f32(x))),
+                                   round_trunc(vcvt_high_f64_f32(x)));
+        r = vbslq_s32(vcleq_f32(f, vdupq_n_f32(-1.0f)), vdupq_n_s32(INT32_MIN), r);
+        r = vbslq_s32(vcgeq_f32(f, vdupq_n_f32(1.0f)), vdupq_n_s32(INT32_MAX), r);
+        vst1q_s32(out + i, r);
+    }
+#endif
+    for (; i < count; ++i) I32::store(dst, i, clamp32_from_float(F32::load(src, i)));
+}
+
 constexpr int kFormats = 6;  // AUDIO_FORMAT_PCM_16_BIT (1) .. AUDIO_FORMAT_PCM_24_BIT_PACKED (6)
 
 // kTable[dst - 1][src - 1]; null: equal formats (copied) or a pair left unconverted.
@@ -123,8 +190,7 @@ constexpr Converter kTable[kFormats][kFormats] = {
                   run<I16, P24, i16_from_p24>},
     /* dst 8 */ {run<U8, I16, u8_from_i16>, nullptr, run<U8, I32, u8_from_i32>,
                  run<U8, Q8_23, u8_from_q8_23>, run<U8, F32, u8_from_f32>, run<U8, P24, u8_from_p24>},
-    /* dst 32 */ {run<I32, I16, i32_from_i16>, run<I32, U8, i32_from_u8>, nullptr,
-                  run<I32, Q8_23, i32_from_q8_23>, run<I32, F32, i32_from_f32>,
+    /* dst 32 */ {run<I32, I16, i32_from_i16>, nullptr, nullptr, nullptr, i32_from_f32_buffer,
                   run<I32, P24, i32_from_p24>},
     /* dst 8_24 */ {run<Q8_23, I16, q8_23_from_i16>, nullptr, nullptr, nullptr,
                     run<Q8_23, F32, q8_23_from_f32>, run<Q8_23, P24, q8_23_from_p24>},
@@ -145,8 +211,9 @@ int32_t clamp32_from_float(float f) {
     if (f <= -1.0f) return INT32_MIN;
     if (f >= 1.0f) return INT32_MAX;
     const float x = f * kTwo31;  // exact: a power-of-two scale
-    // Round half away from zero in double, then truncate; NaN falls through to 0.
-    return sorn::sat_f2i32(static_cast<double>(x) + (x > 0 ? 0.5 : -0.5));
+    // Round half away from zero in double, then truncate. A NaN passes both tests above and
+    // the processor decides what it becomes.
+    return cpu_trunc_i32(static_cast<double>(x) + (x > 0 ? 0.5 : -0.5));
 }
 
 void memcpy_by_audio_format(void *dst, audio_format_t dst_format, const void *src,
@@ -162,7 +229,7 @@ void memcpy_by_audio_format(void *dst, audio_format_t dst_format, const void *sr
 }
 
 void memcpy_to_i32_from_float(int32_t *dst, const float *src, size_t count) {
-    if (dst != nullptr && src != nullptr) run<I32, F32, i32_from_f32>(dst, src, count);
+    if (dst != nullptr && src != nullptr) i32_from_f32_buffer(dst, src, count);
 }
 
 void memcpy_to_float_from_i32(float *dst, const int32_t *src, size_t count) {

@@ -5,7 +5,7 @@
 set -euo pipefail
 
 packages=(
-  build-essential cmake ninja-build pkg-config
+  build-essential clang cmake ninja-build pkg-config
   android-liblog-dev android-libbase-dev
   libkissfft-dev libfftw3-dev
   libgtest-dev libgmock-dev libbenchmark-dev

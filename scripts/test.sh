@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Sets up everything and runs the whole test suite: installs the Debian packages, builds the
 # library, tests, benchmarks and tools, runs the FFT filter tests on the FFTW backend too, then
-# the full suite. CI=true turns warnings into errors.
+# the full suite twice: built with clang (as Android builds, warnings are errors: the two
+# compilers reject different things) and with g++. CI=true turns g++ warnings into errors too.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
@@ -15,6 +16,10 @@ cmake -S . -B build-fftw -G Ninja -DSORN_FFT_BACKEND=fftw -DSORN_WERROR=$werror 
 fft_tests=$(cd tests && ls test_fir*.cpp test_ne10*.cpp 2>/dev/null | sed 's/\.cpp$//' | tr '\n' ' ')
 cmake --build build-fftw -j "$jobs" --target sorn_hp_sfx_aw $fft_tests
 ctest --test-dir build-fftw -L fft --output-on-failure -j "$jobs"
+
+CC=clang CXX=clang++ cmake -S . -B build-clang -G Ninja -DSORN_WERROR=ON >/dev/null
+cmake --build build-clang -j "$jobs"
+ctest --test-dir build-clang --output-on-failure -j "$jobs"
 
 cmake -S . -B build -G Ninja -DSORN_WERROR=$werror >/dev/null
 cmake --build build -j "$jobs"

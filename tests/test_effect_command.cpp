@@ -13,7 +13,7 @@ const std::string kTag = "_O_sorn_hp_sfx";
 TEST(EffectCommand, LifecycleAndBufferChecks) {
     Effect fx;
     int32_t reply = 0x5A5A5A5A;
-    uint32_t size = 8, zero = 0, volume[2] = {1u << 24, 1u << 24};
+    uint32_t size = 8, zero = 0, word[2] = {1u << 24, 1u << 24};
     EXPECT_EQ(fx.cmd(EFFECT_CMD_ENABLE, 0, nullptr, &size, &reply), -22) << "a reply other than 4 bytes";
     const std::pair<uint32_t, int32_t> steps[] = {{EFFECT_CMD_DISABLE, -38}, {EFFECT_CMD_ENABLE, 0},
                                                   {EFFECT_CMD_ENABLE, -38}, {EFFECT_CMD_DISABLE, 0},
@@ -23,18 +23,19 @@ TEST(EffectCommand, LifecycleAndBufferChecks) {
     EXPECT_EQ(fx.status_cmd(EFFECT_CMD_SET_CONFIG, 111, &c), -22);
     EXPECT_EQ(fx.cmd(EFFECT_CMD_SET_CONFIG, sizeof c, &c, nullptr, nullptr), -22);
     EXPECT_EQ((*fx.h)->command(nullptr, EFFECT_CMD_INIT, 0, nullptr, nullptr, nullptr), -22);
+    EXPECT_EQ(fx.cmd(EFFECT_CMD_SET_PARAM, 20, word, nullptr, nullptr), -22);
+    EXPECT_EQ(fx.cmd(EFFECT_CMD_GET_PARAM, 16, word, nullptr, nullptr), -22);
 
     // The HIDL HAL sends these with null reply pointers, its generic path with reply size 0.
     for (uint32_t code : {EFFECT_CMD_INIT, EFFECT_CMD_RESET, EFFECT_CMD_SET_VOLUME,
                           EFFECT_CMD_SET_INPUT_DEVICE, EFFECT_CMD_DUMP, EFFECT_CMD_SET_DEVICE,
                           EFFECT_CMD_SET_AUDIO_MODE, EFFECT_CMD_FIRST_PROPRIETARY}) {
-        EXPECT_EQ(fx.cmd(code, 4, volume, nullptr, nullptr), 0) << code;
-        EXPECT_EQ(fx.cmd(code, 4, volume, &zero, &reply), 0) << code;
+        EXPECT_EQ(fx.cmd(code, 4, word, nullptr, nullptr), 0) << code;
+        EXPECT_EQ(fx.cmd(code, 4, word, &zero, &reply), 0) << code;
     }
     EXPECT_EQ(reply, 0x5A5A5A5A);
-    EXPECT_TRUE(has(fx.status_text(), "mode: 16777216  dev: 0x1000000")) << "applied all the same";
-    EXPECT_EQ(fx.cmd(EFFECT_CMD_SET_PARAM, 20, volume, nullptr, nullptr), -22);
-    EXPECT_EQ(fx.cmd(EFFECT_CMD_GET_PARAM, 16, volume, nullptr, nullptr), -22);
+    // Applied all the same; a word that names no audio mode is kept as AUDIO_MODE_INVALID.
+    EXPECT_TRUE(has(fx.status_text(), "mode: -2  dev: 0x1000000"));
 }
 
 TEST(EffectCommand, ConfigurationChecks) {
@@ -62,8 +63,9 @@ TEST(EffectCommand, ConfigurationChecks) {
         EXPECT_EQ(fx.configure(c), -22) << r.line;
         EXPECT_EQ(log.count(r.line, ANDROID_LOG_WARN, kTag), 1) << r.line;
     }
-    int16_t buf[4] = {};
-    EXPECT_EQ(fx.process(buf, buf, 2), -22) << "a refused configuration stops processing";
+    int16_t buf[4] = {1, 2, 3, 4};
+    EXPECT_EQ(fx.process(buf, buf + 2, 1), -22) << "a refused configuration stops processing";
+    EXPECT_EQ(buf[2], 3) << "and the refused call touches nothing";
 
     for (uint32_t f : {1u, 3u, 4u, 5u}) EXPECT_EQ(fx.configure(f, 48000, 2), 0) << f;
     EXPECT_EQ(log.count_containing("sorn_hp_wrapper_init"), 1) << "same rate, same wrapper";
@@ -90,23 +92,25 @@ TEST(EffectCommand, OutputSwitchFollowsEveryEvent) {
     EXPECT_EQ(fx.set_u32(EFFECT_CMD_SET_DEVICE, 0), 0);
     EXPECT_EQ(log.count("EFFECT_CMD_SET_DEVICE invalid device", ANDROID_LOG_WARN, kTag), 2);
     EXPECT_EQ(log.count_containing("sorn_hp_wrapper_reset"), 0);
-    const auto after = [&](int32_t result, bool active, const char *what) {
-        EXPECT_EQ(result, 0) << what;
-        EXPECT_EQ(fx.active(), active) << what;
-    };
-    after(fx.set_u32(EFFECT_CMD_SET_DEVICE, 0xC), false, "two devices at once");
-    after(fx.set_u32(EFFECT_CMD_SET_DEVICE, AUDIO_DEVICE_OUT_BLE_HEADSET), true, "BLE headset");
-    EXPECT_EQ(log.count("EFFECT_CMD_SET_DEVICE: 0x20000000 1", ANDROID_LOG_DEBUG, kTag), 1);
-    after(fx.set_u32(EFFECT_CMD_SET_AUDIO_MODE, AUDIO_MODE_IN_COMMUNICATION), false, "call mode");
-    log.clear();
-    after(fx.set_u32(EFFECT_CMD_SET_AUDIO_MODE, AUDIO_MODE_IN_COMMUNICATION), false, "same mode");
-    EXPECT_TRUE(log.lines().empty()) << "same mode: nothing at all";
-    after(fx.set_u32(EFFECT_CMD_SET_AUDIO_MODE, AUDIO_MODE_NORMAL), true, "normal mode");
-    after(fx.set_bypass(0x10000, 2), true, "a 16-bit bypass value reads 0");
-    after(fx.set_bypass(0x10000), false, "bypass");
-    EXPECT_TRUE(has(fx.status_text(), "bypass: 1"));
-    after(fx.set_bypass(0), true, "bypass off");
-    after(fx.status_cmd(EFFECT_CMD_DISABLE), false, "disabled");
+    const struct { uint32_t code, value; bool active; const char *what; } events[] = {
+        {EFFECT_CMD_SET_DEVICE, 0xC, false, "two devices at once"},
+        {EFFECT_CMD_SET_DEVICE, AUDIO_DEVICE_OUT_BLE_HEADSET, true, "BLE headset"},
+        {EFFECT_CMD_SET_AUDIO_MODE, AUDIO_MODE_IN_COMMUNICATION, false, "call mode"},
+        {EFFECT_CMD_SET_AUDIO_MODE, AUDIO_MODE_IN_COMMUNICATION, false, "same mode"},
+        {EFFECT_CMD_SET_AUDIO_MODE, 0x100, false, "no mode at all"},
+        {EFFECT_CMD_SET_AUDIO_MODE, AUDIO_MODE_NORMAL, true, "normal mode"},
+        {900, 0x10000, true, "a 16-bit bypass value reads 0"}, {900, 1, false, "bypass"},
+        {900, 0, true, "bypass off"}, {EFFECT_CMD_DISABLE, 0, false, "disabled"}};
+    for (const auto &e : events) {
+        log.clear();
+        const int32_t r = e.code == 900 ? fx.set_bypass(e.value, e.value == 0x10000 ? 2 : 4)
+                          : e.code == EFFECT_CMD_DISABLE ? fx.status_cmd(e.code) : fx.set_u32(e.code, e.value);
+        EXPECT_EQ(r, 0) << e.what;
+        EXPECT_EQ(log.lines().empty(), std::string(e.what) == "same mode") << e.what;
+        EXPECT_EQ(log.count("EFFECT_CMD_SET_DEVICE: 0x20000000 1", ANDROID_LOG_DEBUG, kTag),
+                  e.value == AUDIO_DEVICE_OUT_BLE_HEADSET ? 1 : 0);
+        EXPECT_EQ(fx.active(), e.active) << e.what;
+    }
 }
 
 TEST(EffectCommand, ParameterBlockAndStatusText) {
@@ -127,9 +131,8 @@ TEST(EffectCommand, ParameterBlockAndStatusText) {
     EXPECT_EQ(log.count_containing("sorn_hp_wrapper_set_parameters"), 2);
     EXPECT_EQ(fx.set_param(555, block.data(), 4), 0) << "unknown ids are accepted";
 
-    uint32_t query[5] = {0, 4, 1024, 201, 0};
+    uint32_t query[5] = {0, 4, 1024, 201, 0}, size = 19;
     char reply[64];
-    uint32_t size = 19;
     EXPECT_EQ(fx.cmd(EFFECT_CMD_GET_PARAM, 16, query, &size, reply), -22);
     std::memset(reply, 0x5A, sizeof reply);
     size = 40;  // the text is cut to fit, terminated, and nothing beyond is written

@@ -33,6 +33,19 @@ inline effect_config_t make_config(uint32_t format, uint32_t rate = 48000,
     return c;
 }
 
+// A steep tuning (alternating -6 / +12 dB lc points, +7 dB hp, surround on); `variant` shifts it.
+inline sorn_hp_params_t steep_tuning(int variant = 0) {
+    sorn_hp_params_t p{};
+    p.lc = p.hp = p.ss = 1;
+    for (int i = 0; i < SORN_HP_LC_POINTS; ++i) {
+        p.lc_freq[i] = 40 + 1800 * i + 10 * variant;
+        p.lc_gain[i] = (i + variant) % 2 ? 12 : -6;
+        p.hp_freq[i] = 60 + 1700 * i;
+        p.hp_gain[i] = 7 - variant % 3;
+    }
+    return p;
+}
+
 inline std::string ptr(const void *p) {
     char s[32];
     std::snprintf(s, sizeof s, "%p", p);
@@ -92,12 +105,17 @@ struct Effect {
         audio_buffer_t ib{frames, {in}}, ob{frames, {out}};
         return (*h)->process(h, &ib, &ob);
     }
-    // Configured, flat parameter block loaded, on headphones: enabling makes it active.
-    void make_ready(uint32_t format = AUDIO_FORMAT_PCM_32_BIT) {
-        const sorn_hp_params_t flat{};
-        ASSERT_EQ(configure(format), 0);
-        ASSERT_EQ(set_param(100, &flat, sizeof flat), 0);
+    // Configured, a parameter block loaded (flat by default), on headphones: enabling makes it
+    // active.
+    void make_ready(uint32_t format = AUDIO_FORMAT_PCM_32_BIT, uint8_t out_access = 0,
+                    const sorn_hp_params_t &params = {}) {
+        ASSERT_EQ(configure(format, 48000, out_access), 0);
+        ASSERT_EQ(set_param(100, &params, sizeof params), 0);
         ASSERT_EQ(set_u32(EFFECT_CMD_SET_DEVICE, AUDIO_DEVICE_OUT_WIRED_HEADPHONE), 0);
+    }
+    void make_active(uint32_t format, uint8_t out_access = 0, const sorn_hp_params_t &params = steep_tuning()) {
+        make_ready(format, out_access, params);
+        ASSERT_EQ(status_cmd(EFFECT_CMD_ENABLE), 0);
     }
 };
 

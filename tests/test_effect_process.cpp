@@ -18,14 +18,11 @@ TEST(EffectProcess, RefusalsTouchNothingAndPassThroughIsExact) {
     EXPECT_EQ(fx.process(in.data(), out.data(), kCall), -22) << "not configured";
     fx.make_ready();
     audio_buffer_t ib{kCall, {in.data()}}, ob{kCall, {out.data()}}, none{kCall, {nullptr}},
-        shorter{kCall - 1, {out.data()}};
+        shorter{kCall - 1, {out.data()}}, empty{0, {in.data()}}, huge{size_t{1} << 26, {in.data()}};
+    const std::pair<audio_buffer_t *, audio_buffer_t *> refused[] = {
+        {nullptr, &ob}, {&none, &ob}, {&ib, &none}, {&ib, &shorter}, {&empty, &empty}, {&huge, &huge}};
     EXPECT_EQ((*fx.h)->process(nullptr, &ib, &ob), -22);
-    EXPECT_EQ((*fx.h)->process(fx.h, nullptr, &ob), -22);
-    EXPECT_EQ((*fx.h)->process(fx.h, &none, &ob), -22);
-    EXPECT_EQ((*fx.h)->process(fx.h, &ib, &none), -22);
-    EXPECT_EQ((*fx.h)->process(fx.h, &ib, &shorter), -22);
-    EXPECT_EQ(fx.process(in.data(), out.data(), 0), -22);
-    EXPECT_EQ(fx.process(in.data(), out.data(), size_t{1} << 26), -22) << "no buffers that big";
+    for (const auto &[i, o] : refused) EXPECT_EQ((*fx.h)->process(fx.h, i, o), -22);
     EXPECT_EQ(out, std::vector<int32_t>(2 * kCall, 77));
     // Not enabled: the 32-bit input comes back unchanged, and the buffers still work.
     EXPECT_EQ(fx.process(in.data(), out.data(), kCall), -61);

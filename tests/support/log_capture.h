@@ -1,8 +1,6 @@
-/*
- * Test helper: captures what the library logs through liblog, in-process.
- * While a LogCapture is alive every log line (all priorities, DEBUG included) is recorded
- * instead of going to standard error; the destructor restores liblog's stderr logger.
- */
+// Test helper: captures what the library logs through liblog, in-process.
+// While a LogCapture is alive every log line (all priorities, DEBUG included) is recorded
+// instead of going to standard error; the destructor restores liblog's stderr logger.
 #ifndef SORN_TESTS_LOG_CAPTURE_H
 #define SORN_TESTS_LOG_CAPTURE_H
 
@@ -39,14 +37,14 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         lines_.clear();
     }
-    /* Number of lines whose message equals `message` exactly (and whose priority and tag match
-       when given: priority < 0 or an empty tag match anything). */
+    // Number of lines whose message equals `message` exactly (and whose priority and tag match
+    // when given: priority < 0 or an empty tag match anything).
     int count(const std::string& message, int priority = -1, const std::string& tag = "") const {
         return count_if([&](const LogLine& l) {
             return l.message == message && (priority < 0 || l.priority == priority) && (tag.empty() || l.tag == tag);
         });
     }
-    /* Number of lines whose message contains `fragment`. */
+    // Number of lines whose message contains `fragment`.
     int count_containing(const std::string& fragment) const {
         return count_if([&](const LogLine& l) { return l.message.find(fragment) != std::string::npos; });
     }

@@ -1,7 +1,7 @@
 /*
  * PCM sample format conversions of Android's libaudioutils (the subset this library uses),
  * written for this host. On Android the real <audio_utils/format.h> is used instead; this one
- * reproduces its per-sample formulas and defines what the platform leaves undefined.
+ * reproduces its per-sample formulas and defines what the platform leaves unconverted.
  *
  * memcpy_by_audio_format(dst, dst_format, src, src_format, count)
  *   Converts `count` samples (frames x channels, not bytes) of linear PCM. Formats: 16-bit,
@@ -14,14 +14,18 @@
  *     clamps to the integer range, integer to float scales exactly (32-bit to float rounds to
  *     the nearest float, so 0x7FFFFFFF becomes 1.0f). Float output is not clamped: 8.24 input
  *     beyond +-1.0 stays beyond it.
- *   - Two pairs Android leaves unconverted are defined here: 8.24 to 32-bit shifts left by 8
- *     with saturation (8.24 values beyond +-1.0 become INT32_MAX / INT32_MIN), and 8-bit to
- *     32-bit is (u - 0x80) << 24.
- *   - Every other pair (32-bit or 8-bit to 8.24, 8-bit to packed 24-bit) and every format
- *     that is not one of the six, equal or not: dst is left untouched and nothing is logged,
- *     as on Android release builds.
- *   - NaN float input becomes the zero sample in every integer destination (0x80 for 8-bit);
- *     +-Inf and any float beyond full scale saturate to the destination's limits.
+ *   - The pairs Android leaves unconverted (8-bit or 8.24 to 32-bit, 32-bit or 8-bit to 8.24,
+ *     8-bit to packed 24-bit) and every format that is not one of the six, equal or not: dst
+ *     is left untouched and nothing is logged, as on Android release builds.
+ *   - Non-finite float input follows the same formulas, with no rule of its own: +-Inf and any
+ *     float beyond full scale saturate to the destination's limits; a NaN gives the upper limit
+ *     in 16-bit (0x7FFF), 8-bit (0xFF), 8.24 (0x007FFFFF) and packed 24-bit (0x7FFFFF), because
+ *     the clamp returns its other operand for a NaN; in 32-bit it gives whatever the processor's
+ *     double to int32 conversion gives: INT32_MIN on x86-64 (CVTTSD2SI), 0 on arm64 (FCVTZS).
+ *     That is what Android's libaudioutils gives on the same processor. The conversion is made
+ *     with the processor's own instruction (never a C cast of a NaN, which is undefined), so
+ *     sanitizer builds see no undefined behaviour. Callers that must not hear a NaN as a
+ *     full-scale sample have to deal with it before converting.
  *   - Null dst or src, or count 0: nothing.
  *   Overlap: dst and src either do not overlap or start at the same address (in-place).
  *   In-place works for every pair: conversions to a wider sample run from the last sample
@@ -31,8 +35,10 @@
  *
  * The memcpy_to_X_from_Y helpers are the same conversions on typed buffers, with the same
  * overlap rule; clamp32_from_float is the per-sample float to 32-bit conversion:
- *   f <= -1.0 -> INT32_MIN, f >= 1.0 -> INT32_MAX, NaN -> 0, otherwise f * 2^31 rounded half
- *   away from zero.
+ *   f <= -1.0 -> INT32_MIN, f >= 1.0 -> INT32_MAX, otherwise f * 2^31 rounded half away from
+ *   zero (in double, then truncated by the processor: a NaN gives INT32_MIN on x86-64, 0 on
+ *   arm64; other targets use a plain cast). Buffers convert four samples at a time with the
+ *   vector form of the same instructions (SSE2, NEON), bit for bit the per-sample result.
  *
  * None of these allocate, lock, log or block; all are safe on the audio path. They are
  * internal to the library (not exported from the shared object).

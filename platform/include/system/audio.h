@@ -3,6 +3,13 @@
  * as in the platform's <system/audio.h>. On Android the real header is used instead.
  *
  * Values follow the platform's audio-hal-enums and audio_common-base definitions.
+ *
+ * Types as a device build sees them: in C++ audio_format_t, audio_devices_t and
+ * audio_channel_mask_t are enumerations with the fixed underlying type uint32_t, and
+ * audio_mode_t a plain enumeration (its values run from -2 to 6). An integer does not convert
+ * to any of them implicitly, so code that mixes them with plain integers fails here as it does
+ * on Android; converting from an integer takes an explicit cast at the boundary where the
+ * integer is read. In C the first three are uint32_t with named constants, as on Android.
  */
 #ifndef SORN_PLATFORM_SYSTEM_AUDIO_H
 #define SORN_PLATFORM_SYSTEM_AUDIO_H
@@ -22,8 +29,15 @@ typedef struct {
     uint8_t node[6];
 } audio_uuid_t;
 
-typedef uint32_t audio_format_t;
-enum {
+#ifdef __cplusplus
+#define SORN_AUDIO_ENUM_BEGIN(name) typedef enum : uint32_t {
+#define SORN_AUDIO_ENUM_END(name) } name;
+#else
+#define SORN_AUDIO_ENUM_BEGIN(name) typedef uint32_t name; enum {
+#define SORN_AUDIO_ENUM_END(name) };
+#endif
+
+SORN_AUDIO_ENUM_BEGIN(audio_format_t)
     AUDIO_FORMAT_DEFAULT = 0x0u,
     AUDIO_FORMAT_PCM_16_BIT = 0x1u,
     AUDIO_FORMAT_PCM_8_BIT = 0x2u,
@@ -34,10 +48,9 @@ enum {
     AUDIO_FORMAT_INVALID = 0xFFFFFFFFu,
     AUDIO_FORMAT_MAIN_MASK = 0xFF000000u,
     AUDIO_FORMAT_SUB_MASK = 0x00FFFFFFu,
-};
+SORN_AUDIO_ENUM_END(audio_format_t)
 
-typedef uint32_t audio_channel_mask_t;
-enum {
+SORN_AUDIO_ENUM_BEGIN(audio_channel_mask_t)
     AUDIO_CHANNEL_NONE = 0x0u,
     AUDIO_CHANNEL_OUT_FRONT_LEFT = 0x1u,
     AUDIO_CHANNEL_OUT_FRONT_RIGHT = 0x2u,
@@ -45,10 +58,9 @@ enum {
     AUDIO_CHANNEL_OUT_STEREO = 0x3u,
     AUDIO_CHANNEL_INDEX_HDR = 0x80000000u,
     AUDIO_CHANNEL_INVALID = 0xC0000000u,
-};
+SORN_AUDIO_ENUM_END(audio_channel_mask_t)
 
-typedef uint32_t audio_devices_t;
-enum {
+SORN_AUDIO_ENUM_BEGIN(audio_devices_t)
     AUDIO_DEVICE_NONE = 0x0u,
     AUDIO_DEVICE_OUT_EARPIECE = 0x1u,
     AUDIO_DEVICE_OUT_SPEAKER = 0x2u,
@@ -73,10 +85,12 @@ enum {
     AUDIO_DEVICE_OUT_BLE_BROADCAST = 0x20000002u,
     AUDIO_DEVICE_OUT_DEFAULT = 0x40000000u,
     AUDIO_DEVICE_BIT_IN = 0x80000000u,
-};
+SORN_AUDIO_ENUM_END(audio_devices_t)
 
-typedef int32_t audio_mode_t;
-enum {
+#undef SORN_AUDIO_ENUM_BEGIN
+#undef SORN_AUDIO_ENUM_END
+
+typedef enum {
     AUDIO_MODE_INVALID = -2,
     AUDIO_MODE_CURRENT = -1,
     AUDIO_MODE_NORMAL = 0,
@@ -86,7 +100,7 @@ enum {
     AUDIO_MODE_CALL_SCREEN = 4,
     AUDIO_MODE_CALL_REDIRECT = 5,
     AUDIO_MODE_COMMUNICATION_REDIRECT = 6,
-};
+} audio_mode_t;
 
 typedef int32_t audio_session_t;
 enum {
@@ -95,7 +109,6 @@ enum {
     AUDIO_SESSION_OUTPUT_MIX = 0,
 };
 
-typedef int32_t audio_source_t;
 typedef int32_t audio_io_handle_t;
 
 /* Bytes per sample of a PCM format; 0 for anything that is not linear PCM. */
