@@ -127,7 +127,15 @@ extern "C" void fir_update_param(orla_fir_t *fir, int n) {
     for (int i = 0; i < n; ++i) {
         work[i].r = static_cast<float>(fir->param[i]) * sorn::kQ23ToFloat;
     }
-    ne10_fft_c2c_1d_float32_neon(fir->filter_spec, work, fir->fft_cfg, 0);
+    /* The spectrum is stored split: the N real parts, then the N imaginary parts, so the
+       per-block product reads them as two plain runs. freq_buf is free between blocks. */
+    ne10_fft_c2c_1d_float32_neon(fir->freq_buf, work, fir->fft_cfg, 0);
+    float *spec_r = reinterpret_cast<float *>(fir->filter_spec);
+    float *spec_i = spec_r + size;
+    for (size_t k = 0; k < size; ++k) {
+        spec_r[k] = fir->freq_buf[k].r;
+        spec_i[k] = fir->freq_buf[k].i;
+    }
     std::memset(fir->history, 0, size * sizeof(*fir->history));
 }
 
@@ -153,7 +161,8 @@ extern "C" void fir_process(orla_fir_t *fir, int *in, int *out, int n) {
     ne10_fft_cpx_float32_t *history = fir->history;
     ne10_fft_cpx_float32_t *time_buf = fir->time_buf;
     ne10_fft_cpx_float32_t *freq_buf = fir->freq_buf;
-    const ne10_fft_cpx_float32_t *taps_spectrum = fir->filter_spec;
+    const float *taps_r = reinterpret_cast<const float *>(fir->filter_spec);
+    const float *taps_i = taps_r + size;
 
     /* Slide the frame and append the new block, converted once; all of in is read before out
        is written. The transform gets a copy: the FFT layer does not promise to leave its input
@@ -169,8 +178,8 @@ extern "C" void fir_process(orla_fir_t *fir, int *in, int *out, int n) {
     for (int k = 0; k < size; ++k) {
         const float xr = freq_buf[k].r;
         const float xi = freq_buf[k].i;
-        const float hr = taps_spectrum[k].r;
-        const float hi = taps_spectrum[k].i;
+        const float hr = taps_r[k];
+        const float hi = taps_i[k];
         freq_buf[k].r = hr * xr - hi * xi;
         freq_buf[k].i = hi * xr + hr * xi;
     }

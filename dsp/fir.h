@@ -68,7 +68,9 @@ typedef struct {
        parts 0). */
     ne10_fft_cpx_float32_t *history;
     ne10_fft_cfg_float32_t fft_cfg;
-    ne10_fft_cpx_float32_t *filter_spec; /* spectrum of the taps */
+    /* Spectrum of the taps, split: N real parts, then N imaginary parts (N complex values of
+       storage). */
+    ne10_fft_cpx_float32_t *filter_spec;
     ne10_fft_cpx_float32_t *time_buf;
     ne10_fft_cpx_float32_t *freq_buf;
 } orla_fir_t;
