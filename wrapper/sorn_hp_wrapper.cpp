@@ -36,8 +36,9 @@ constexpr int kActiveCountWrap = 149;  // the input-activity count starts over a
 // --- Ring buffer storage access ------------------------------------------------------------
 // T is the storage element: uint16_t for kind 16, uint32_t for kinds 32 and 48 (floats are
 // moved bit for bit). Source and destination elements lie `stride` elements apart, so one call
-// can gather a channel from an interleaved buffer. A stride fixed at compile time (kStride > 0,
-// the stereo framing) lets the copies vectorize; kStride 0 takes the run-time `stride`.
+// can gather a channel from an interleaved buffer. A stride fixed at compile time (kStride > 0:
+// 1 for the block planes, 2 for the stereo framing) lets the copies vectorize; kStride 0 takes
+// the run-time `stride`.
 
 template <typename T, int kStride = 0>
 void ring_put(sorn_ringbuf_t* rb, const T* src, std::ptrdiff_t stride, int count) {
@@ -105,9 +106,9 @@ static void sorn_ringbuf_write(sorn_ringbuf_t* rb, void* src, int count) {
     if (rb == nullptr || src == nullptr || count < 1 || rb->data == nullptr || rb->capacity < 1)
         return;
     switch (rb->sample_bits) {
-        case 16: ring_put(rb, static_cast<const uint16_t*>(src), 1, count); break;
+        case 16: ring_put<uint16_t, 1>(rb, static_cast<const uint16_t*>(src), 1, count); break;
         case 32:
-        case 48: ring_put(rb, static_cast<const uint32_t*>(src), 1, count); break;
+        case 48: ring_put<uint32_t, 1>(rb, static_cast<const uint32_t*>(src), 1, count); break;
         default: break;
     }
 }
@@ -118,9 +119,9 @@ static void sorn_ringbuf_read(sorn_ringbuf_t* rb, void* dst, int count) {
     if (rb == nullptr || dst == nullptr || count < 1 || rb->data == nullptr || rb->capacity < 1)
         return;
     switch (rb->sample_bits) {
-        case 16: ring_take(rb, static_cast<uint16_t*>(dst), 1, count); break;
+        case 16: ring_take<uint16_t, 1>(rb, static_cast<uint16_t*>(dst), 1, count); break;
         case 32:
-        case 48: ring_take(rb, static_cast<uint32_t*>(dst), 1, count); break;
+        case 48: ring_take<uint32_t, 1>(rb, static_cast<uint32_t*>(dst), 1, count); break;
         default: break;
     }
 }
