@@ -163,6 +163,26 @@ inline int32_t apply_gain(int32_t x, int32_t total) {
     return (p == -1) ? 0 : sat_i32(p);
 }
 
+/* apply_gain() for a total of 0..1 (Q17) over a run, in doubles so that it vectorizes. With
+   v = x * total / 2^17 (exact in a double: at most 2^48 in magnitude, the scaling by 2^-17 is
+   exact), v has at most 17 fraction bits, so v - 0.5 + 2^-18 (also exact) lies strictly within
+   half a unit of floor(v), which is the arithmetic shift's result. Adding 1.5 * 2^52 rounds it
+   to that integer, which then sits in the low 32 bits of the double's encoding. The result lies
+   in -2^31..2^31-1, so nothing saturates. */
+void apply_reducing_gain(int32_t *samples, int count, int32_t total) {
+    const double scale = static_cast<double>(total) * (1.0 / 131072.0);
+    constexpr double kToFloor = -0.5 + 1.0 / 262144.0;
+    constexpr double kRound = 6755399441055744.0; /* 1.5 * 2^52 */
+    for (int i = 0; i < count; ++i) {
+        const double v = static_cast<double>(samples[i]) * scale;
+        const double rounded = (v + kToFloor) + kRound;
+        uint64_t bits;
+        std::memcpy(&bits, &rounded, sizeof bits);
+        const int32_t p = static_cast<int32_t>(static_cast<uint32_t>(bits));
+        samples[i] = (p == -1) ? 0 : p;
+    }
+}
+
 inline int32_t total_gain(int32_t gate, int32_t gain) {
     return (gate == kQ17One) ? gain : sorn::mul_shift_sat(gate, gain, 17);
 }
@@ -419,6 +439,8 @@ void dynamic_range_control_process(dynamic_range_control_t *drc, int *in, int *o
     const int32_t total = total_gain(gate, gain);
     if (total == kQ17One) {
         for (; i < frames; ++i) out[i] = (out[i] == -1) ? 0 : out[i];
+    } else if (total >= 0 && total <= kQ17One) {
+        apply_reducing_gain(out + i, frames - i, total);
     } else {
         for (; i < frames; ++i) out[i] = apply_gain(out[i], total);
     }
