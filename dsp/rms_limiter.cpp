@@ -254,16 +254,18 @@ void to_chain_plane(int *plane, int frames) {
     }
 }
 
-/* detect_mono() of two float planes (held in int storage) in one pass: each channel's peak and
-   sum take the same samples in the same order, and the two independent sums run side by side
-   instead of one after the other. */
-void detect_pair(const int *left, const int *right, int frames, Levels *out_left,
-                 Levels *out_right) {
+/* to_float_plane() of two chain planes and detect_mono() of the results, in one pass: each
+   channel's peak and sum take the same samples in the same order, the two independent sums run
+   side by side instead of one after the other, and the conversions fill the time the sums wait
+   on each other. */
+void to_float_and_detect(int *left, int *right, int frames, Levels *out_left,
+                         Levels *out_right) {
     float peak_l = 0.0f, sum_l = 0.0f, peak_r = 0.0f, sum_r = 0.0f;
     for (int i = 0; i < frames; ++i) {
-        float l, r;
-        memcpy(&l, &left[i], sizeof l);
-        memcpy(&r, &right[i], sizeof r);
+        const float l = static_cast<float>(static_cast<double>(left[i]) * kChainToFloat);
+        const float r = static_cast<float>(static_cast<double>(right[i]) * kChainToFloat);
+        memcpy(&left[i], &l, sizeof l);
+        memcpy(&right[i], &r, sizeof r);
         const float al = fabsf(l);
         const float ar = fabsf(r);
         if (al > peak_l) peak_l = al;
@@ -508,9 +510,9 @@ void rms_limiter_process(void *handle, int *left, int *right, int frames) {
     if (lim == nullptr || left == nullptr || right == nullptr || frames < 1) return;
     // The float samples live in the planes' own memory between the two conversions. Each
     // channel has its own processor; this is their process_f, both detections in one pass.
-    to_float_plane(left, frames);
-    to_float_plane(right, frames);
     if (lim->proc_left == nullptr || lim->proc_right == nullptr) {  // a record filled by hand
+        to_float_plane(left, frames);
+        to_float_plane(right, frames);
         auto *fl = reinterpret_cast<float *>(left);
         auto *fr = reinterpret_cast<float *>(right);
         sa6_dynamic_processor_process_f(lim->proc_left, fl, fl, frames);
@@ -520,7 +522,7 @@ void rms_limiter_process(void *handle, int *left, int *right, int frames) {
         return;
     }
     Levels level_left, level_right;
-    detect_pair(left, right, frames, &level_left, &level_right);
+    to_float_and_detect(left, right, frames, &level_left, &level_right);
     limit_to_chain(lim->proc_left, level_left, left, frames);
     limit_to_chain(lim->proc_right, level_right, right, frames);
 }
