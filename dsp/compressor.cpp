@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "platform/sat_math.h"
 
@@ -60,11 +61,6 @@ constexpr int attack_shift(int64_t a) {
 /* A shift order as applied to a 64-bit difference: never negative, never past the width. */
 constexpr int order_shift(int32_t order) { return std::clamp<int32_t>(order, 0, 63); }
 
-/* Magnitude for the peak search: -2^31 keeps its negative value and so never wins. */
-inline int32_t signed_magnitude(int32_t x) {
-    return x < 0 ? static_cast<int32_t>(0u - static_cast<uint32_t>(x)) : x;
-}
-
 inline uint32_t unsigned_magnitude(int32_t x) {
     return x < 0 ? 0u - static_cast<uint32_t>(x) : static_cast<uint32_t>(x);
 }
@@ -74,13 +70,28 @@ struct BlockLevel {
     int32_t mean; /* mean magnitude */
 };
 
+/* Samples per partial sum: 65536 halves of at most 65535 each still fit in 32 bits. */
+constexpr int kSumChunk = 65536;
+
 BlockLevel measure_block(const int *samples, int frames) {
     if (frames <= 0) return {0, 0};
     int32_t peak = 0;
     uint64_t sum = 0;
-    for (int i = 0; i < frames; ++i) {
-        peak = std::max(peak, signed_magnitude(samples[i]));
-        sum += unsigned_magnitude(samples[i]);
+    /* The magnitudes are summed as their upper and lower 16-bit halves in 32-bit sums, which
+       keeps the loop in 32-bit lanes for the vectorizer; the total is the same exact integer. */
+    for (int start = 0; start < frames; start += kSumChunk) {
+        const int end = frames - start > kSumChunk ? start + kSumChunk : frames;
+        uint32_t upper = 0;
+        uint32_t lower = 0;
+        for (int i = start; i < end; ++i) {
+            const uint32_t m = unsigned_magnitude(samples[i]);
+            /* For the peak, -2^31 keeps its negative value and so never wins. */
+            const int32_t signed_m = static_cast<int32_t>(m);
+            peak = peak > signed_m ? peak : signed_m;
+            upper += m >> 16;
+            lower += m & 0xffffu;
+        }
+        sum += (static_cast<uint64_t>(upper) << 16) + lower;
     }
     const int64_t mean = static_cast<int64_t>(sum) / frames;
     return {peak >> 8, sat_i32(mean)};
@@ -110,6 +121,33 @@ struct DelayCursor {
         return out;
     }
 
+    /* step() for every sample of in, results to out (which may be in), in runs between the
+       wraps of the line so that each run is a plain loop over consecutive slots. */
+    void run(const int32_t *in, int32_t *out, int frames) {
+        if (length == 0) {
+            if (in != out) std::memmove(out, in, sizeof(int32_t) * static_cast<size_t>(frames));
+            return;
+        }
+        for (int i = 0; i < frames;) {
+            /* A shortened line whose position lies past its end takes one step, then wraps. */
+            const int k = std::min(std::max(length - position, 1), frames - i);
+            int32_t *slot = buffer + position;
+            if (in == out) {
+                int32_t *io = out + i;
+                for (int j = 0; j < k; ++j) std::swap(slot[j], io[j]);
+            } else {
+                const int32_t *src = in + i;
+                int32_t *dst = out + i;
+                for (int j = 0; j < k; ++j) {
+                    dst[j] = slot[j];
+                    slot[j] = src[j];
+                }
+            }
+            i += k;
+            position = position + k >= length ? 0 : position + k;
+        }
+    }
+
     void store(audio_delay *delay) const {
         if (length != 0) delay->position = position;
     }
@@ -117,6 +155,36 @@ struct DelayCursor {
 
 bool drc_complete(const dynamic_range_control_t *drc) {
     return drc != nullptr && drc->gain_history != nullptr && drc->delay != nullptr;
+}
+
+/* A delayed sample times the total gain (Q17). */
+inline int32_t apply_gain(int32_t x, int32_t total) {
+    const int64_t p = (static_cast<int64_t>(x) * total) >> 17;
+    return (p == -1) ? 0 : sat_i32(p);
+}
+
+/* apply_gain() for a total of 0..1 (Q17) over a run, in doubles so that it vectorizes. With
+   v = x * total / 2^17 (exact in a double: at most 2^48 in magnitude, the scaling by 2^-17 is
+   exact), v has at most 17 fraction bits, so v - 0.5 + 2^-18 (also exact) lies strictly within
+   half a unit of floor(v), which is the arithmetic shift's result. Adding 1.5 * 2^52 rounds it
+   to that integer, which then sits in the low 32 bits of the double's encoding. The result lies
+   in -2^31..2^31-1, so nothing saturates. */
+void apply_reducing_gain(int32_t *samples, int count, int32_t total) {
+    const double scale = static_cast<double>(total) * (1.0 / 131072.0);
+    constexpr double kToFloor = -0.5 + 1.0 / 262144.0;
+    constexpr double kRound = 6755399441055744.0; /* 1.5 * 2^52 */
+    for (int i = 0; i < count; ++i) {
+        const double v = static_cast<double>(samples[i]) * scale;
+        const double rounded = (v + kToFloor) + kRound;
+        uint64_t bits;
+        std::memcpy(&bits, &rounded, sizeof bits);
+        const int32_t p = static_cast<int32_t>(static_cast<uint32_t>(bits));
+        samples[i] = (p == -1) ? 0 : p;
+    }
+}
+
+inline int32_t total_gain(int32_t gate, int32_t gain) {
+    return (gate == kQ17One) ? gain : sorn::mul_shift_sat(gate, gain, 17);
 }
 
 /* One per-sample step of the smoothed gain toward the block target b. */
@@ -358,15 +426,24 @@ void dynamic_range_control_process(dynamic_range_control_t *drc, int *in, int *o
     int32_t gain = drc->gain;
     int32_t gate = drc->gate_gain;
     DelayCursor delay(drc->delay);
-    for (int i = 0; i < frames; ++i) {
+    delay.run(in, out, frames); /* out now holds the delayed samples */
+    delay.store(drc->delay);
+    int i = 0;
+    for (; i < frames && (gain != b || gate != gate_q17); ++i) {
         gain = smooth_gain(gain, b);
         gate = smooth_gate(gate, gate_q17);
-        const int32_t total = (gate == kQ17One) ? gain : sorn::mul_shift_sat(gate, gain, 17);
-        const int32_t x = delay.step(in[i]);
-        const int64_t p = (static_cast<int64_t>(x) * total) >> 17;
-        out[i] = (p == -1) ? 0 : sat_i32(p);
+        out[i] = apply_gain(out[i], total_gain(gate, gain));
     }
-    delay.store(drc->delay);
+    /* Both gains sit on their targets, where a smoothing step leaves them: one total for the
+       rest of the block. At unity the product only maps -1 to 0. */
+    const int32_t total = total_gain(gate, gain);
+    if (total == kQ17One) {
+        for (; i < frames; ++i) out[i] = (out[i] == -1) ? 0 : out[i];
+    } else if (total >= 0 && total <= kQ17One) {
+        apply_reducing_gain(out + i, frames - i, total);
+    } else {
+        for (; i < frames; ++i) out[i] = apply_gain(out[i], total);
+    }
     drc->gain = gain;
     drc->gate_gain = gate;
 }

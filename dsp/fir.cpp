@@ -12,6 +12,18 @@
 
 namespace {
 
+/* Arrays start on a cache line, which also meets every FFT backend's SIMD alignment. */
+constexpr size_t kArrayAlign = 64;
+
+/* A zeroed, aligned array of `count` elements of T (released with std::free), or null. */
+template <typename T>
+T *alloc_array(size_t count) {
+    const size_t bytes = (count * sizeof(T) + kArrayAlign - 1) / kArrayAlign * kArrayAlign;
+    void *p = std::aligned_alloc(kArrayAlign, bytes);
+    if (p != nullptr) std::memset(p, 0, bytes);
+    return static_cast<T *>(p);
+}
+
 /* The filter holds a plan and all five arrays, sized consistently. */
 bool usable(const orla_fir_t *fir) {
     return fir != nullptr && fir->fft_cfg != nullptr && fir->fft_size > 0 &&
@@ -60,14 +72,11 @@ extern "C" void fir_init(orla_fir_t *fir, int fft_size, int offset) {
     if (fir->fft_cfg == nullptr) return;
 
     const size_t n = static_cast<size_t>(fft_size);
-    fir->param = static_cast<int32_t *>(std::calloc(n, sizeof(int32_t)));
-    fir->history = static_cast<int32_t *>(std::calloc(n, sizeof(int32_t)));
-    fir->filter_spec =
-        static_cast<ne10_fft_cpx_float32_t *>(std::calloc(n, sizeof(ne10_fft_cpx_float32_t)));
-    fir->time_buf =
-        static_cast<ne10_fft_cpx_float32_t *>(std::calloc(n, sizeof(ne10_fft_cpx_float32_t)));
-    fir->freq_buf =
-        static_cast<ne10_fft_cpx_float32_t *>(std::calloc(n, sizeof(ne10_fft_cpx_float32_t)));
+    fir->param = alloc_array<int32_t>(n);
+    fir->history = alloc_array<ne10_fft_cpx_float32_t>(n);
+    fir->filter_spec = alloc_array<ne10_fft_cpx_float32_t>(n);
+    fir->time_buf = alloc_array<ne10_fft_cpx_float32_t>(n);
+    fir->freq_buf = alloc_array<ne10_fft_cpx_float32_t>(n);
     fir->fft_size = fft_size;
     if (!usable(fir)) {
         release(fir);
@@ -118,7 +127,15 @@ extern "C" void fir_update_param(orla_fir_t *fir, int n) {
     for (int i = 0; i < n; ++i) {
         work[i].r = static_cast<float>(fir->param[i]) * sorn::kQ23ToFloat;
     }
-    ne10_fft_c2c_1d_float32_neon(fir->filter_spec, work, fir->fft_cfg, 0);
+    /* The spectrum is stored split: the N real parts, then the N imaginary parts, so the
+       per-block product reads them as two plain runs. freq_buf is free between blocks. */
+    ne10_fft_c2c_1d_float32_neon(fir->freq_buf, work, fir->fft_cfg, 0);
+    float *spec_r = reinterpret_cast<float *>(fir->filter_spec);
+    float *spec_i = spec_r + size;
+    for (size_t k = 0; k < size; ++k) {
+        spec_r[k] = fir->freq_buf[k].r;
+        spec_i[k] = fir->freq_buf[k].i;
+    }
     std::memset(fir->history, 0, size * sizeof(*fir->history));
 }
 
@@ -141,27 +158,45 @@ extern "C" void fir_process(orla_fir_t *fir, int *in, int *out, int n) {
     const int offset = fir->in_offset;
     if (offset < 0 || offset >= size || n < 1 || n > size - offset) return;
 
-    int32_t *history = fir->history;
+    ne10_fft_cpx_float32_t *history = fir->history;
     ne10_fft_cpx_float32_t *time_buf = fir->time_buf;
     ne10_fft_cpx_float32_t *freq_buf = fir->freq_buf;
-    const ne10_fft_cpx_float32_t *taps_spectrum = fir->filter_spec;
+    const float *taps_r = reinterpret_cast<const float *>(fir->filter_spec);
+    const float *taps_i = taps_r + size;
 
-    /* Slide the frame and append the new block; all of in is read before out is written. */
+    /* Slide the frame and append the new block, converted once; all of in is read before out
+       is written. */
     std::memmove(history, history + n, static_cast<size_t>(size - n) * sizeof(*history));
-    std::memcpy(history + offset, in, static_cast<size_t>(n) * sizeof(*history));
-
-    for (int t = 0; t < size; ++t) {
-        time_buf[t].r = static_cast<float>(history[t]);
-        time_buf[t].i = 0.0f;
+    ne10_fft_cpx_float32_t *block = history + offset;
+    for (int i = 0; i < n; ++i) {
+        block[i].r = static_cast<float>(in[i]);
+        block[i].i = 0.0f;
     }
+#if defined(SORN_NE10_HOST_LAYER)
+    /* This FFT layer leaves its input alone: the frame is transformed where it is. */
+    ne10_fft_c2c_1d_float32_neon(freq_buf, history, fir->fft_cfg, 0);
+#else
+    /* Real Ne10 does not promise to leave its input alone: the transform gets a copy. */
+    std::memcpy(time_buf, history, static_cast<size_t>(size) * sizeof(*time_buf));
     ne10_fft_c2c_1d_float32_neon(freq_buf, time_buf, fir->fft_cfg, 0);
+#endif
     for (int k = 0; k < size; ++k) {
         const float xr = freq_buf[k].r;
         const float xi = freq_buf[k].i;
-        freq_buf[k].r = taps_spectrum[k].r * xr - taps_spectrum[k].i * xi;
-        freq_buf[k].i = taps_spectrum[k].i * xr + taps_spectrum[k].r * xi;
+        const float hr = taps_r[k];
+        const float hi = taps_i[k];
+        freq_buf[k].r = hr * xr - hi * xi;
+        freq_buf[k].i = hi * xr + hr * xi;
     }
+    const ne10_fft_cpx_float32_t *result = time_buf + offset;
+#if defined(SORN_NE10_HOST_LAYER)
+    /* Only the block's real parts are kept: they alone get the inverse's 1/N scaling, the same
+       float product the layer would apply to every value. */
+    sorn_fft_c2c_inverse_unscaled(time_buf, freq_buf, fir->fft_cfg);
+    const float scale = 1.0f / static_cast<float>(size);
+    for (int i = 0; i < n; ++i) out[i] = sorn::sat_f2i32(result[i].r * scale);
+#else
     ne10_fft_c2c_1d_float32_neon(time_buf, freq_buf, fir->fft_cfg, 1);
-
-    for (int i = 0; i < n; ++i) out[i] = sorn::sat_f2i32(time_buf[offset + i].r);
+    for (int i = 0; i < n; ++i) out[i] = sorn::sat_f2i32(result[i].r);
+#endif
 }

@@ -10,7 +10,8 @@
  * the same buffer.
  *
  * Contract:
- *  - fir_init allocates the plan and the five arrays (all zeroed, so a filter switched on before
+ *  - fir_init allocates the plan and the five arrays (all zeroed and 64-byte aligned, so an FFT
+ *    backend with SIMD code can run on them directly; a filter switched on before
  *    any fir_update_param outputs silence) and leaves the filter off. If fir is NULL nothing
  *    happens. If fft_size is not a size the FFT supports (>= 1, factors 2, 3, 5 only) or any
  *    allocation fails, everything made is released and the filter stays safely off: all
@@ -62,9 +63,14 @@ typedef struct {
     int32_t fft_size;  /* N, length of every array below */
     int32_t in_offset; /* where each new block is written: N - block length */
     int32_t *param;    /* N Q23 taps as last stored */
-    int32_t *history;  /* overlap-save frame, oldest first */
+    /* Overlap-save frame, oldest first, as the forward transform's input: each sample is
+       converted to float once, when it arrives, and shifts along with the frame (imaginary
+       parts 0). */
+    ne10_fft_cpx_float32_t *history;
     ne10_fft_cfg_float32_t fft_cfg;
-    ne10_fft_cpx_float32_t *filter_spec; /* spectrum of the taps */
+    /* Spectrum of the taps, split: N real parts, then N imaginary parts (N complex values of
+       storage). */
+    ne10_fft_cpx_float32_t *filter_spec;
     ne10_fft_cpx_float32_t *time_buf;
     ne10_fft_cpx_float32_t *freq_buf;
 } orla_fir_t;

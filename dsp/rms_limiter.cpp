@@ -254,6 +254,40 @@ void to_chain_plane(int *plane, int frames) {
     }
 }
 
+/* to_float_plane() of two chain planes and detect_mono() of the results, in one pass: each
+   channel's peak and sum take the same samples in the same order, the two independent sums run
+   side by side instead of one after the other, and the conversions fill the time the sums wait
+   on each other. */
+void to_float_and_detect(int *left, int *right, int frames, Levels *out_left,
+                         Levels *out_right) {
+    float peak_l = 0.0f, sum_l = 0.0f, peak_r = 0.0f, sum_r = 0.0f;
+    for (int i = 0; i < frames; ++i) {
+        const float l = static_cast<float>(static_cast<double>(left[i]) * kChainToFloat);
+        const float r = static_cast<float>(static_cast<double>(right[i]) * kChainToFloat);
+        memcpy(&left[i], &l, sizeof l);
+        memcpy(&right[i], &r, sizeof r);
+        const float al = fabsf(l);
+        const float ar = fabsf(r);
+        if (al > peak_l) peak_l = al;
+        if (ar > peak_r) peak_r = ar;
+        sum_l += l * l;
+        sum_r += r * r;
+    }
+    *out_left = finish_levels(peak_l, sum_l, frames);
+    *out_right = finish_levels(peak_r, sum_r, frames);
+}
+
+/* sa6_dynamic_processor_process_f in place on a float plane (int storage) with the conversion
+   back to the chain scale folded into the gain loop: the float product is the one that would be
+   stored and converted afterwards. */
+void limit_to_chain(sa6_dynamic_processor_t *st, Levels lv, int *plane, int frames) {
+    run_gain(st, lv, frames, [plane](int i, float g) {
+        float f;
+        memcpy(&f, &plane[i], sizeof f);
+        plane[i] = sorn::sat_f2i32((f * g) * kFloatToChain);
+    });
+}
+
 }  // namespace
 
 /* ---- dynamic processor ------------------------------------------------------------------ */
@@ -474,15 +508,23 @@ void rms_limiter_reset(void *handle) {
 void rms_limiter_process(void *handle, int *left, int *right, int frames) {
     auto *lim = static_cast<rms_limiter_t *>(handle);
     if (lim == nullptr || left == nullptr || right == nullptr || frames < 1) return;
-    // The float samples live in the planes' own memory between the two conversions.
-    to_float_plane(left, frames);
-    to_float_plane(right, frames);
-    auto *fl = reinterpret_cast<float *>(left);
-    auto *fr = reinterpret_cast<float *>(right);
-    sa6_dynamic_processor_process_f(lim->proc_left, fl, fl, frames);
-    sa6_dynamic_processor_process_f(lim->proc_right, fr, fr, frames);
-    to_chain_plane(left, frames);
-    to_chain_plane(right, frames);
+    // The float samples live in the planes' own memory between the two conversions. Each
+    // channel has its own processor; this is their process_f, both detections in one pass.
+    if (lim->proc_left == nullptr || lim->proc_right == nullptr) {  // a record filled by hand
+        to_float_plane(left, frames);
+        to_float_plane(right, frames);
+        auto *fl = reinterpret_cast<float *>(left);
+        auto *fr = reinterpret_cast<float *>(right);
+        sa6_dynamic_processor_process_f(lim->proc_left, fl, fl, frames);
+        sa6_dynamic_processor_process_f(lim->proc_right, fr, fr, frames);
+        to_chain_plane(left, frames);
+        to_chain_plane(right, frames);
+        return;
+    }
+    Levels level_left, level_right;
+    to_float_and_detect(left, right, frames, &level_left, &level_right);
+    limit_to_chain(lim->proc_left, level_left, left, frames);
+    limit_to_chain(lim->proc_right, level_right, right, frames);
 }
 
 void rms_limiter_deinit(void *handle) {

@@ -11,6 +11,7 @@
 namespace {
 
 constexpr double kFourPi = 12.566370614359172;
+constexpr int kChunk = 256;  // frames per pass of the sample loop (a stack buffer of floats)
 
 stereo_surround_t *as_surround(void *handle) { return static_cast<stereo_surround_t *>(handle); }
 
@@ -86,17 +87,32 @@ void stereo_surround_process(void *handle, int *left, int *right, int frames) {
     const float gain = ss->gain;
     float prev_side = ss->prev_side;
     float prev_out = ss->prev_out;
-    for (int i = 0; i < frames; ++i) {
-        // The side difference wraps like the 32-bit hardware subtraction it stands for.
-        const int32_t diff = static_cast<int32_t>(static_cast<uint32_t>(left[i]) -
-                                                  static_cast<uint32_t>(right[i]));
-        const float s = static_cast<float>(diff);
-        const float y = (s * b0 + prev_side * b0) + prev_out * a1;
-        prev_side = s;
-        prev_out = y;
-        const float v = y * gain;
-        left[i] = sorn::sat_f2i32(static_cast<float>(left[i]) + v);
-        right[i] = sorn::sat_f2i32(static_cast<float>(right[i]) - v);
+    // In chunks of three passes: the side signal (vectorized), the recursive low-pass (the one
+    // serial part), and the correction of both channels (vectorized). Each sample sees the same
+    // operations in the same order as in a single pass.
+    float side[kChunk];
+    for (int start = 0; start < frames; start += kChunk) {
+        const int n = frames - start < kChunk ? frames - start : kChunk;
+        int *l = left + start;
+        int *r = right + start;
+        for (int i = 0; i < n; ++i) {
+            // The side difference wraps like the 32-bit hardware subtraction it stands for.
+            const int32_t diff = static_cast<int32_t>(static_cast<uint32_t>(l[i]) -
+                                                      static_cast<uint32_t>(r[i]));
+            side[i] = static_cast<float>(diff);
+        }
+        for (int i = 0; i < n; ++i) {
+            const float s = side[i];
+            const float y = (s * b0 + prev_side * b0) + prev_out * a1;
+            prev_side = s;
+            prev_out = y;
+            side[i] = y * gain;
+        }
+        for (int i = 0; i < n; ++i) {
+            const float v = side[i];
+            l[i] = sorn::sat_f2i32(static_cast<float>(l[i]) + v);
+            r[i] = sorn::sat_f2i32(static_cast<float>(r[i]) - v);
+        }
     }
     // A tail decaying through silence would otherwise settle on a subnormal value and slow
     // every later sample. Flushing it changes no output: a subnormal correction is lost once

@@ -172,22 +172,26 @@ void write_output(const sorn_hp_context_t *ctx, const int32_t *w, void *raw, siz
             }
             break;
         }
+        // One loop per access mode, so that each is a plain loop the vectorizer takes.
         case AUDIO_FORMAT_PCM_16_BIT: {
             auto *out = static_cast<int16_t *>(raw);
-            for (size_t i = 0; i < samples; ++i) {
-                const int32_t s = w[i] >> 16;
-                out[i] = accumulate ? sorn::sat_i16(out[i] + s) : static_cast<int16_t>(s);
+            if (!accumulate) {
+                for (size_t i = 0; i < samples; ++i) out[i] = static_cast<int16_t>(w[i] >> 16);
+                break;
             }
+            for (size_t i = 0; i < samples; ++i) out[i] = sorn::sat_i16(out[i] + (w[i] >> 16));
             break;
         }
         case AUDIO_FORMAT_PCM_8_24_BIT: {
             auto *out = static_cast<int32_t *>(raw);
+            if (!accumulate) {
+                for (size_t i = 0; i < samples; ++i) out[i] = w[i] >> 8;
+                break;
+            }
+            // A plain 32-bit sum, wrapping as the hardware does rather than overflowing.
             for (size_t i = 0; i < samples; ++i) {
-                const int32_t s = w[i] >> 8;
-                // A plain 32-bit sum, wrapping as the hardware does rather than overflowing.
-                out[i] = accumulate ? static_cast<int32_t>(static_cast<uint32_t>(out[i]) +
-                                                           static_cast<uint32_t>(s))
-                                    : s;
+                out[i] = static_cast<int32_t>(static_cast<uint32_t>(out[i]) +
+                                              static_cast<uint32_t>(w[i] >> 8));
             }
             break;
         }

@@ -81,14 +81,15 @@ extern "C" ne10_fft_cfg_float32_t ne10_fft_alloc_c2c_float32_neon(ne10_int32_t n
     return &plan->head;
 }
 
-extern "C" void ne10_fft_c2c_1d_float32_neon(ne10_fft_cpx_float32_t *fout,
-                                             ne10_fft_cpx_float32_t *fin,
-                                             ne10_fft_cfg_float32_t cfg,
-                                             ne10_int32_t inverse_fft) {
-    if (cfg == nullptr || fin == nullptr || fout == nullptr) return;
+namespace {
+
+/* The transform without the inverse's scaling. Returns the plan, or null when nothing ran. */
+FftwPlan *transform(ne10_fft_cpx_float32_t *fout, ne10_fft_cpx_float32_t *fin,
+                    ne10_fft_cfg_float32_t cfg, bool inverse) {
+    if (cfg == nullptr || fin == nullptr || fout == nullptr) return nullptr;
     FftwPlan *plan = plan_of(cfg);
     const size_t n = static_cast<size_t>(plan->head.nfft);
-    fftwf_plan p = inverse_fft == 0 ? plan->forward : plan->backward;
+    fftwf_plan p = inverse ? plan->backward : plan->forward;
 
     if (fin != fout && fftw_aligned(fin) && fftw_aligned(fout)) {
         fftwf_execute_dft(p, reinterpret_cast<fftwf_complex *>(fin),
@@ -98,12 +99,28 @@ extern "C" void ne10_fft_c2c_1d_float32_neon(ne10_fft_cpx_float32_t *fout,
         fftwf_execute(p);
         std::memcpy(fout, plan->out, n * sizeof(fftwf_complex));
     }
-    if (inverse_fft == 0) return;
+    return plan;
+}
+
+}  // namespace
+
+extern "C" void ne10_fft_c2c_1d_float32_neon(ne10_fft_cpx_float32_t *fout,
+                                             ne10_fft_cpx_float32_t *fin,
+                                             ne10_fft_cfg_float32_t cfg,
+                                             ne10_int32_t inverse_fft) {
+    FftwPlan *plan = transform(fout, fin, cfg, inverse_fft != 0);
+    if (plan == nullptr || inverse_fft == 0) return;
+    /* As one run of 2n floats (the layout of n complex values), which vectorizes. */
+    const size_t n = static_cast<size_t>(plan->head.nfft);
     const float scale = plan->inverse_scale;
-    for (size_t k = 0; k < n; ++k) {
-        fout[k].r *= scale;
-        fout[k].i *= scale;
-    }
+    float *values = reinterpret_cast<float *>(fout);
+    for (size_t k = 0; k < 2 * n; ++k) values[k] *= scale;
+}
+
+extern "C" void sorn_fft_c2c_inverse_unscaled(ne10_fft_cpx_float32_t *fout,
+                                              ne10_fft_cpx_float32_t *fin,
+                                              ne10_fft_cfg_float32_t cfg) {
+    transform(fout, fin, cfg, true);
 }
 
 extern "C" void ne10_fft_destroy_c2c_float32(ne10_fft_cfg_float32_t cfg) {

@@ -36,10 +36,13 @@ constexpr int kActiveCountWrap = 149;  // the input-activity count starts over a
 // --- Ring buffer storage access ------------------------------------------------------------
 // T is the storage element: uint16_t for kind 16, uint32_t for kinds 32 and 48 (floats are
 // moved bit for bit). Source and destination elements lie `stride` elements apart, so one call
-// can gather a channel from an interleaved buffer.
+// can gather a channel from an interleaved buffer. A stride fixed at compile time (kStride > 0:
+// 1 for the block planes, 2 for the stereo framing) lets the copies vectorize; kStride 0 takes
+// the run-time `stride`.
 
-template <typename T>
+template <typename T, int kStride = 0>
 void ring_put(sorn_ringbuf_t* rb, const T* src, std::ptrdiff_t stride, int count) {
+    if constexpr (kStride > 0) stride = kStride;
     T* data = static_cast<T*>(rb->data);
     const int cap = rb->capacity;
     const int free_slots = rb->fill < cap ? cap - rb->fill : 0;
@@ -51,7 +54,9 @@ void ring_put(sorn_ringbuf_t* rb, const T* src, std::ptrdiff_t stride, int count
     }
     for (int left = count - skip; left > 0;) {
         const int run = left < cap - wp ? left : cap - wp;
-        for (int i = 0; i < run; ++i) data[wp + i] = src[(skip + i) * stride];
+        T* to = data + wp;
+        const T* from = src + skip * stride;
+        for (int i = 0; i < run; ++i) to[i] = from[i * stride];
         skip += run;
         left -= run;
         wp += run;
@@ -67,8 +72,9 @@ void ring_put(sorn_ringbuf_t* rb, const T* src, std::ptrdiff_t stride, int count
     }
 }
 
-template <typename T>
+template <typename T, int kStride = 0>
 void ring_take(sorn_ringbuf_t* rb, T* dst, std::ptrdiff_t stride, int count) {
+    if constexpr (kStride > 0) stride = kStride;
     const T* data = static_cast<const T*>(rb->data);
     const int cap = rb->capacity;
     const int held = rb->fill > 0 ? rb->fill : 0;
@@ -76,7 +82,9 @@ void ring_take(sorn_ringbuf_t* rb, T* dst, std::ptrdiff_t stride, int count) {
     int rp = rb->read_pos;
     for (int done = 0; done < n;) {
         const int run = n - done < cap - rp ? n - done : cap - rp;
-        for (int i = 0; i < run; ++i) dst[(done + i) * stride] = data[rp + i];
+        T* to = dst + done * stride;
+        const T* from = data + rp;
+        for (int i = 0; i < run; ++i) to[i * stride] = from[i];
         done += run;
         rp += run;
         if (rp == cap) rp = 0;
@@ -98,9 +106,9 @@ static void sorn_ringbuf_write(sorn_ringbuf_t* rb, void* src, int count) {
     if (rb == nullptr || src == nullptr || count < 1 || rb->data == nullptr || rb->capacity < 1)
         return;
     switch (rb->sample_bits) {
-        case 16: ring_put(rb, static_cast<const uint16_t*>(src), 1, count); break;
+        case 16: ring_put<uint16_t, 1>(rb, static_cast<const uint16_t*>(src), 1, count); break;
         case 32:
-        case 48: ring_put(rb, static_cast<const uint32_t*>(src), 1, count); break;
+        case 48: ring_put<uint32_t, 1>(rb, static_cast<const uint32_t*>(src), 1, count); break;
         default: break;
     }
 }
@@ -111,9 +119,9 @@ static void sorn_ringbuf_read(sorn_ringbuf_t* rb, void* dst, int count) {
     if (rb == nullptr || dst == nullptr || count < 1 || rb->data == nullptr || rb->capacity < 1)
         return;
     switch (rb->sample_bits) {
-        case 16: ring_take(rb, static_cast<uint16_t*>(dst), 1, count); break;
+        case 16: ring_take<uint16_t, 1>(rb, static_cast<uint16_t*>(dst), 1, count); break;
         case 32:
-        case 48: ring_take(rb, static_cast<uint32_t*>(dst), 1, count); break;
+        case 48: ring_take<uint32_t, 1>(rb, static_cast<uint32_t*>(dst), 1, count); break;
         default: break;
     }
 }
@@ -122,15 +130,22 @@ namespace {
 
 // --- Format conversions ---------------------------------------------------------------------
 
-// Full scale 2^31 to the 24-bit scale, rounding to nearest; the top 128 codes saturate.
+// Full scale 2^31 to the 24-bit scale, rounding to nearest; the top 128 codes saturate. Held
+// below INT32_MAX - 127 first, the rounding sum fits in 32 bits and gives what the saturated
+// 64-bit sum gives (0x7fffff at the top), in lanes the vectorizer takes.
 void scale_down_31_to_23(int32_t* s, std::size_t n) {
-    for (std::size_t i = 0; i < n; ++i)
-        s[i] = sorn::sat_i32(static_cast<int64_t>(s[i]) + 128) >> 8;
+    constexpr int32_t kTop = INT32_MAX - 128;
+    for (std::size_t i = 0; i < n; ++i) s[i] = ((s[i] < kTop ? s[i] : kTop) + 128) >> 8;
 }
 
-// 24-bit scale back to full scale 2^31; anything beyond the 24-bit range saturates.
+// 24-bit scale back to full scale 2^31; anything beyond the 24-bit range saturates (the same
+// as sat_i32 of the 64-bit product, written as selects on 32-bit lanes).
 void scale_up_23_to_31(int32_t* s, std::size_t n) {
-    for (std::size_t i = 0; i < n; ++i) s[i] = sorn::sat_i32(static_cast<int64_t>(s[i]) * 256);
+    for (std::size_t i = 0; i < n; ++i) {
+        const int32_t v = s[i];
+        const int32_t up = static_cast<int32_t>(static_cast<uint32_t>(v) << 8);
+        s[i] = v > 0x7fffff ? INT32_MAX : v < -0x800000 ? INT32_MIN : up;
+    }
 }
 
 // 24-bit scale to int16, rounding to nearest and saturating. The rounding offset is added in
@@ -253,10 +268,17 @@ void frame_loop(sorn_hp_wrapper_t* w, S* buffer, std::size_t frames) {
         if (run > 0) {
             T* f = samples + static_cast<std::ptrdiff_t>(pos) * ch;
             const int n = static_cast<int>(run);
-            ring_put(&w->in_l, f, ch, n);
-            ring_put(&w->in_r, f + 1, ch, n);
-            ring_take(&w->out_l, f, ch, n);
-            ring_take(&w->out_r, f + 1, ch, n);
+            if (ch == 2) {
+                ring_put<T, 2>(&w->in_l, f, 2, n);
+                ring_put<T, 2>(&w->in_r, f + 1, 2, n);
+                ring_take<T, 2>(&w->out_l, f, 2, n);
+                ring_take<T, 2>(&w->out_r, f + 1, 2, n);
+            } else {
+                ring_put(&w->in_l, f, ch, n);
+                ring_put(&w->in_r, f + 1, ch, n);
+                ring_take(&w->out_l, f, ch, n);
+                ring_take(&w->out_r, f + 1, ch, n);
+            }
             pos += run;
             if (pos == frames) break;
         }
