@@ -139,10 +139,6 @@ bool sample_at_full_scale(const void *data, SampleFormat format, size_t i) {
 
 double audio_sample(const AudioBuffer &buf, size_t i) { return sample_value(audio_data(buf), buf.format, i); }
 
-bool audio_sample_at_full_scale(const AudioBuffer &buf, size_t i) {
-    return sample_at_full_scale(audio_data(buf), buf.format, i);
-}
-
 void audio_mono_to_stereo(AudioBuffer &buf) {
     if (buf.channels != 1) return;
     AudioBuffer st;

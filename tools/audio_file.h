@@ -46,7 +46,6 @@ size_t audio_sample_bytes(SampleFormat f);
 double audio_sample(const AudioBuffer &buf, size_t i);
 double sample_value(const void *data, SampleFormat format, size_t i);
 /* True when sample i sits at the format's full-scale limit. */
-bool audio_sample_at_full_scale(const AudioBuffer &buf, size_t i);
 bool sample_at_full_scale(const void *data, SampleFormat format, size_t i);
 
 /* Copies the single channel into both channels of a stereo buffer. */
