@@ -69,7 +69,7 @@ std::string declared_shortfall(SNDFILE *f) {
         unsigned long long declared = 0, held = 0;
         if (std::sscanf(line.c_str() + colon + 1, " %llu (should be %llu)", &declared, &held) == 2 &&
             declared > held && declared != 0xFFFFFFFFull)
-            return "its header declares " + std::to_string(declared) + " bytes of audio data, the file holds " +
+            return "its header declares " + std::to_string(declared) + " bytes where the file holds " +
                    std::to_string(held);
     }
     return {};
@@ -198,7 +198,8 @@ int64_t audio_reader_read(AudioReader &r, void *dst, int64_t frames, std::string
     r.done += got;
     if (got == frames) return got;
     if (sf_error(f) != SF_ERR_NO_ERROR) {
-        error = r.path + ": cannot read to its end: " + sf_strerror(f) + " after " + std::to_string(r.done) + " frames";
+        error = r.path + ": cannot read to its end: " + sf_strerror(f) + " (after " + std::to_string(r.done) +
+                " frames)";
         return -1;
     }
     if (r.frames >= 0 && r.done < r.frames) {
