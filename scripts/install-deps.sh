@@ -9,7 +9,7 @@ packages=(
   android-liblog-dev android-libbase-dev
   libkissfft-dev libfftw3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  libsndfile1-dev nlohmann-json3-dev libcli11-dev gnuplot-nox libxml2-utils
+  libsndfile1-dev libsoxr-dev nlohmann-json3-dev libcli11-dev gnuplot-nox libxml2-utils time
   "$@"
 )
 

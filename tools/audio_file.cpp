@@ -11,6 +11,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <sstream>
 
 #include <sndfile.h>
 
@@ -47,6 +48,31 @@ std::string subtype_name(int subtype) {
     case SF_FORMAT_VORBIS: return "Vorbis";
     default: return "another encoding";
     }
+}
+
+/* libsndfile reads a file cut short without complaint: it only notes in its header log that a
+   chunk declares more than the file holds ("data : 46080000 (should be 3999942)"). The lines of
+   the audio data (WAV "data", AIFF "SSND", AU "Data Size", W64 "riff", RF64 "Riff size") are
+   checked; 0xFFFFFFFF is what a writer that streams leaves when it cannot know the length. */
+std::string declared_shortfall(SNDFILE *f) {
+    std::string log(16384, '\0');
+    sf_command(f, SFC_GET_LOG_INFO, log.data(), static_cast<int>(log.size()));
+    std::istringstream lines(log.c_str());
+    for (std::string line; std::getline(lines, line);) {
+        const size_t colon = line.find(':');
+        if (colon == std::string::npos) continue;
+        std::string name = line.substr(0, colon);
+        name.erase(0, name.find_first_not_of(' '));
+        name.erase(name.find_last_not_of(' ') + 1);
+        if (name != "data" && name != "SSND" && name != "Data Size" && name != "riff" && name != "Riff size")
+            continue;
+        unsigned long long declared = 0, held = 0;
+        if (std::sscanf(line.c_str() + colon + 1, " %llu (should be %llu)", &declared, &held) == 2 &&
+            declared > held && declared != 0xFFFFFFFFull)
+            return "its header declares " + std::to_string(declared) + " bytes where the file holds " +
+                   std::to_string(held);
+    }
+    return {};
 }
 
 }  // namespace
@@ -87,23 +113,31 @@ void *audio_data(AudioBuffer &buf) {
 
 const void *audio_data(const AudioBuffer &buf) { return audio_data(const_cast<AudioBuffer &>(buf)); }
 
-double audio_sample(const AudioBuffer &buf, size_t i) {
-    switch (buf.format) {
-    case SampleFormat::f32: return buf.f32[i];
-    case SampleFormat::s16: return buf.s16[i] / 32768.0;
-    case SampleFormat::s32: return buf.s32[i] / 2147483648.0;
+double sample_value(const void *data, SampleFormat format, size_t i) {
+    switch (format) {
+    case SampleFormat::f32: return static_cast<const float *>(data)[i];
+    case SampleFormat::s16: return static_cast<const int16_t *>(data)[i] / 32768.0;
+    case SampleFormat::s32: return static_cast<const int32_t *>(data)[i] / 2147483648.0;
     }
     return 0.0;
 }
 
-bool audio_sample_at_full_scale(const AudioBuffer &buf, size_t i) {
-    switch (buf.format) {
-    case SampleFormat::f32: return std::fabs(buf.f32[i]) >= 1.0f;
-    case SampleFormat::s16: return buf.s16[i] == INT16_MAX || buf.s16[i] == INT16_MIN;
-    case SampleFormat::s32: return buf.s32[i] == INT32_MAX || buf.s32[i] == INT32_MIN;
+bool sample_at_full_scale(const void *data, SampleFormat format, size_t i) {
+    switch (format) {
+    case SampleFormat::f32: return std::fabs(static_cast<const float *>(data)[i]) >= 1.0f;
+    case SampleFormat::s16: {
+        const int16_t v = static_cast<const int16_t *>(data)[i];
+        return v == INT16_MAX || v == INT16_MIN;
+    }
+    case SampleFormat::s32: {
+        const int32_t v = static_cast<const int32_t *>(data)[i];
+        return v == INT32_MAX || v == INT32_MIN;
+    }
     }
     return false;
 }
+
+double audio_sample(const AudioBuffer &buf, size_t i) { return sample_value(audio_data(buf), buf.format, i); }
 
 void audio_mono_to_stereo(AudioBuffer &buf) {
     if (buf.channels != 1) return;
@@ -119,34 +153,83 @@ void audio_mono_to_stereo(AudioBuffer &buf) {
     buf = std::move(st);
 }
 
-bool audio_read(const std::string &path, SampleFormat format, AudioBuffer &out, std::string &error) {
+AudioReader::~AudioReader() {
+    if (sf) sf_close(static_cast<SNDFILE *>(sf));
+}
+
+bool audio_reader_open(AudioReader &r, const std::string &path, SampleFormat format, std::string &error) {
     SF_INFO info{};
     SNDFILE *f = sf_open(path.c_str(), SFM_READ, &info);
     if (!f) {
         error = path + ": cannot read audio: " + sf_strerror(nullptr);
         return false;
     }
+    r.sf = f;
+    r.path = path;
+    r.rate = info.samplerate;
+    r.channels = info.channels;
+    r.frames = info.frames == SF_COUNT_MAX ? -1 : info.frames;
+    r.done = 0;
+    r.format = format;
     if (info.channels < 1 || info.frames < 0) {
-        sf_close(f);
         error = path + ": the file reports no channels";
         return false;
     }
-    audio_allocate(out, info.samplerate, info.channels, info.frames, format);
+    const std::string cut = declared_shortfall(f);
+    if (!cut.empty()) {
+        error = path + ": cannot read to its end: " + cut;
+        return false;
+    }
     // Float files read as integers are scaled to full scale (libsndfile would truncate them
     // to tiny values otherwise); values beyond +-1 are clipped rather than wrapped.
     sf_command(f, SFC_SET_SCALE_FLOAT_INT_READ, nullptr, SF_TRUE);
     sf_command(f, SFC_SET_CLIPPING, nullptr, SF_TRUE);
+    return true;
+}
+
+int64_t audio_reader_read(AudioReader &r, void *dst, int64_t frames, std::string &error) {
+    auto *f = static_cast<SNDFILE *>(r.sf);
     sf_count_t got = 0;
-    switch (format) {
-    case SampleFormat::f32: got = sf_readf_float(f, out.f32.data(), info.frames); break;
-    case SampleFormat::s16: got = sf_readf_short(f, out.s16.data(), info.frames); break;
-    case SampleFormat::s32: got = sf_readf_int(f, out.s32.data(), info.frames); break;
+    switch (r.format) {
+    case SampleFormat::f32: got = sf_readf_float(f, static_cast<float *>(dst), frames); break;
+    case SampleFormat::s16: got = sf_readf_short(f, static_cast<int16_t *>(dst), frames); break;
+    case SampleFormat::s32: got = sf_readf_int(f, static_cast<int32_t *>(dst), frames); break;
     }
-    sf_close(f);
-    if (got != info.frames) {
-        error = path + ": read " + std::to_string(got) + " of " + std::to_string(info.frames) + " frames";
-        return false;
+    r.done += got;
+    if (got == frames) return got;
+    if (sf_error(f) != SF_ERR_NO_ERROR) {
+        error = r.path + ": cannot read to its end: " + sf_strerror(f) + " (after " + std::to_string(r.done) +
+                " frames)";
+        return -1;
     }
+    if (r.frames >= 0 && r.done < r.frames) {
+        error = r.path + ": cannot read to its end: it holds " + std::to_string(r.done) + " of its " +
+                std::to_string(r.frames) + " frames";
+        return -1;
+    }
+    return got;
+}
+
+bool audio_read(const std::string &path, SampleFormat format, AudioBuffer &out, std::string &error) {
+    AudioReader r;
+    if (!audio_reader_open(r, path, format, error)) return false;
+    const int64_t piece = 65536;
+    audio_allocate(out, r.rate, r.channels, 0, format);
+    for (int64_t got = piece; got > 0;) {
+        const size_t at = static_cast<size_t>(out.frames) * static_cast<size_t>(r.channels);
+        const size_t room = at + static_cast<size_t>(piece) * static_cast<size_t>(r.channels);
+        out.f32.resize(format == SampleFormat::f32 ? room : 0);
+        out.s16.resize(format == SampleFormat::s16 ? room : 0);
+        out.s32.resize(format == SampleFormat::s32 ? room : 0);
+        got = audio_reader_read(r, static_cast<uint8_t *>(audio_data(out)) + at * audio_sample_bytes(format), piece,
+                                error);
+        if (got < 0) return false;
+        out.frames += got;
+    }
+    const size_t n = static_cast<size_t>(out.frames) * static_cast<size_t>(r.channels);
+    out.f32.resize(format == SampleFormat::f32 ? n : 0);
+    out.s16.resize(format == SampleFormat::s16 ? n : 0);
+    out.s32.resize(format == SampleFormat::s32 ? n : 0);
     return true;
 }
 
@@ -183,11 +266,16 @@ bool audio_output_format(const std::string &path, SampleFormat format, int &sf_f
     return false;
 }
 
-bool audio_write(const std::string &path, const AudioBuffer &buf, std::string &error) {
+AudioWriter::~AudioWriter() {
+    if (sf) sf_close(static_cast<SNDFILE *>(sf));
+    if (!tmp.empty()) unlink(tmp.c_str());
+}
+
+bool audio_writer_open(AudioWriter &w, const std::string &path, int rate, int channels, SampleFormat format,
+                       std::string &error) {
     int sf_format = 0;
     std::string note;
-    if (!audio_output_format(path, buf.format, sf_format, note, error)) return false;
-
+    if (!audio_output_format(path, format, sf_format, note, error)) return false;
     auto slash = path.find_last_of('/');
     std::string dir = slash == std::string::npos ? "." : path.substr(0, slash == 0 ? 1 : slash);
     std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
@@ -197,42 +285,63 @@ bool audio_write(const std::string &path, const AudioBuffer &buf, std::string &e
         error = path + ": cannot write: " + std::strerror(errno);
         return false;
     }
+    w.path = path;
+    w.tmp = tmp;
+    w.channels = channels;
+    w.format = format;
     mode_t mask = umask(0);
     umask(mask);
     fchmod(fd, 0666 & ~mask);
 
     SF_INFO info{};
-    info.samplerate = buf.rate;
-    info.channels = buf.channels;
+    info.samplerate = rate;
+    info.channels = channels;
     info.format = sf_format;
     SNDFILE *f = sf_open_fd(fd, SFM_WRITE, &info, SF_TRUE);
     if (!f) {
         close(fd);
-        unlink(tmp.c_str());
         error = path + ": cannot write audio: " + sf_strerror(nullptr);
         return false;
     }
+    w.sf = f;
     sf_command(f, SFC_SET_SCALE_INT_FLOAT_WRITE, nullptr, SF_TRUE);
     sf_command(f, SFC_SET_CLIPPING, nullptr, SF_TRUE);
-    sf_count_t put = 0;
-    switch (buf.format) {
-    case SampleFormat::f32: put = sf_writef_float(f, buf.f32.data(), buf.frames); break;
-    case SampleFormat::s16: put = sf_writef_short(f, buf.s16.data(), buf.frames); break;
-    case SampleFormat::s32: put = sf_writef_int(f, buf.s32.data(), buf.frames); break;
-    }
-    std::string why = sf_strerror(f);
-    int closed = sf_close(f);
-    if (put != buf.frames || closed != 0) {
-        unlink(tmp.c_str());
-        error = path + ": writing failed: " + why;
-        return false;
-    }
-    if (std::rename(tmp.c_str(), path.c_str()) != 0) {
-        error = path + ": cannot write: " + std::strerror(errno);
-        unlink(tmp.c_str());
-        return false;
-    }
     return true;
+}
+
+bool audio_writer_write(AudioWriter &w, const void *data, int64_t frames, std::string &error) {
+    auto *f = static_cast<SNDFILE *>(w.sf);
+    sf_count_t put = 0;
+    switch (w.format) {
+    case SampleFormat::f32: put = sf_writef_float(f, static_cast<const float *>(data), frames); break;
+    case SampleFormat::s16: put = sf_writef_short(f, static_cast<const int16_t *>(data), frames); break;
+    case SampleFormat::s32: put = sf_writef_int(f, static_cast<const int32_t *>(data), frames); break;
+    }
+    if (put == frames) return true;
+    error = w.path + ": writing failed: " + sf_strerror(f);
+    return false;
+}
+
+bool audio_writer_commit(AudioWriter &w, std::string &error) {
+    auto *f = static_cast<SNDFILE *>(w.sf);
+    std::string why = sf_strerror(f);
+    w.sf = nullptr;
+    if (sf_close(f) != 0) {
+        error = w.path + ": writing failed: " + why;
+        return false;
+    }
+    if (std::rename(w.tmp.c_str(), w.path.c_str()) != 0) {
+        error = w.path + ": cannot write: " + std::strerror(errno);
+        return false;
+    }
+    w.tmp.clear();
+    return true;
+}
+
+bool audio_write(const std::string &path, const AudioBuffer &buf, std::string &error) {
+    AudioWriter w;
+    return audio_writer_open(w, path, buf.rate, buf.channels, buf.format, error) &&
+           audio_writer_write(w, audio_data(buf), buf.frames, error) && audio_writer_commit(w, error);
 }
 
 }  // namespace sorn_tool

@@ -12,6 +12,10 @@
  * zeros after the recording and drops as many from the start, so the output lines up with the
  * input sample for sample and has its length.
  *
+ * Streaming. The run pulls its input from a source and hands its output to a sink a chunk at a
+ * time, so memory stays the same whatever the length. The effect sees the same calls whatever
+ * the chunk size, so the output is bit for bit the same too.
+ *
  * Nothing is printed; the report carries what a caller shows.
  */
 #ifndef SORN_TOOLS_EFFECT_RUN_H
@@ -38,16 +42,32 @@ struct RunSettings {
     uint32_t device = AUDIO_DEVICE_OUT_WIRED_HEADPHONE;
     uint32_t mode = AUDIO_MODE_NORMAL;
     size_t frames_per_call = 240;
-    std::function<void(double done)> progress; /* 0..1, called between process calls */
+    size_t chunk_frames = 16384; /* frames read, processed and written at a time (whole calls) */
+    std::function<void(double done)> progress; /* 0..1, called between chunks; 1 at the end */
 };
+
+/* Fills `dst` with up to `frames` stereo frames of the run's format and returns how many; 0 at
+   the end of the input; -1 with `error` set when the input fails. */
+using FrameSource = std::function<int64_t(void *dst, int64_t frames, std::string &error)>;
+/* Takes `frames` stereo frames of output; false with `error` set when it cannot. */
+using FrameSink = std::function<bool(const void *src, int64_t frames, std::string &error)>;
 
 struct Levels {
     double peak_dbfs = -INFINITY;
     double rms_dbfs = -INFINITY;
 };
 
+/* Peak, RMS and full-scale count of interleaved samples given piece by piece. */
+struct LevelMeter {
+    double peak = 0.0, sum = 0.0;
+    int64_t samples = 0, clipped = 0;
+    void add(const void *data, SampleFormat format, size_t count);
+    Levels levels() const;
+};
+
 struct RunReport {
-    int rate = 0;
+    int rate = 0;        /* the stream's rate */
+    int source_rate = 0; /* the file's rate when it was resampled to `rate`, else 0 */
     int64_t frames = 0;
     int latency = 0;
     bool processing = false; /* the effect's output was wanted and its rate accepted */
@@ -62,7 +82,15 @@ struct RunReport {
 
 Levels measure_levels(const AudioBuffer &buf);
 
-/* `in` must be stereo; `out` receives a stereo buffer of the same length and format. */
+/* Streams stereo frames of `format` at `rate` from `source` through the effect into `sink`: the
+   sink receives exactly as many frames as the source gave, lined up with them. `expected_frames`
+   (-1 when unknown) scales the progress. */
+bool effect_run_stream(const EffectLibrary &lib, int rate, SampleFormat format, int64_t expected_frames,
+                       const FrameSource &source, const FrameSink &sink, const RunSettings &settings,
+                       RunReport &report, std::string &error);
+
+/* The same for a buffer held in memory. `in` must be stereo; `out` receives a stereo buffer of
+   the same length and format. */
 bool effect_run(const EffectLibrary &lib, const AudioBuffer &in, const RunSettings &settings,
                 AudioBuffer &out, RunReport &report, std::string &error);
 

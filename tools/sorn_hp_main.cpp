@@ -37,6 +37,7 @@
 #include "tools/design_view.h"
 #include "tools/effect_host.h"
 #include "tools/effect_run.h"
+#include "tools/file_run.h"
 #include "tools/graphiceq.h"
 #include "tools/response_plot.h"
 #include "tools/tuning.h"
@@ -203,14 +204,30 @@ void open_library(LoadedLibrary &l) {
 
 /* ---- progress ---------------------------------------------------------------------------- */
 
+std::string clock_time(double seconds) {
+    const long t = std::lround(seconds);
+    return t >= 3600 ? fmt("%ld:%02ld:%02ld", t / 3600, t / 60 % 60, t % 60) : fmt("%ld:%02ld", t / 60, t % 60);
+}
+
+/* A bar with the time spent and, once it can be estimated, the time left; redrawn at most ten
+   times a second. */
 std::function<void(double)> progress_bar(const std::string &label) {
     if (g_opt.quiet || !isatty(STDERR_FILENO)) return {};
-    return [label](double done) {
+    const auto start = std::chrono::steady_clock::now();
+    return [label, start, drawn = start - std::chrono::seconds(1)](double done) mutable {
+        const auto now = std::chrono::steady_clock::now();
+        if (done < 1.0 && now - drawn < std::chrono::milliseconds(100)) return;
+        drawn = now;
         const int width = 40;
         int fill = static_cast<int>(done * width + 0.5);
-        std::fprintf(stderr, "\r%s [%s%s] %3d%%", label.c_str(), std::string(fill, '#').c_str(),
-                     std::string(width - fill, ' ').c_str(), static_cast<int>(done * 100 + 0.5));
-        if (done >= 1.0) std::fprintf(stderr, "\r%*s\r", width + 20 + static_cast<int>(label.size()), "");
+        const double spent = std::chrono::duration<double>(now - start).count();
+        std::string times = "  " + clock_time(spent) + " elapsed";
+        if (done >= 0.01 && done < 1.0) times += ", " + clock_time(spent * (1.0 - done) / done) + " left   ";
+        const std::string line = fmt("%s [%s%s] %3d%%%s", label.c_str(), std::string(fill, '#').c_str(),
+                                     std::string(width - fill, ' ').c_str(), static_cast<int>(done * 100 + 0.5),
+                                     times.c_str());
+        std::fprintf(stderr, "\r%s", line.c_str());
+        if (done >= 1.0) std::fprintf(stderr, "\r%*s\r", static_cast<int>(line.size()) + 16, "");
         std::fflush(stderr);
     };
 }
@@ -219,6 +236,7 @@ std::function<void(double)> progress_bar(const std::string &label) {
 
 struct RunArgs {
     std::string in, out, tuning, params, device = "wired-headphone", mode = "normal", format = "float";
+    std::string rate = "input";
     size_t frames = 240;
     bool bypass = false;
 };
@@ -238,7 +256,8 @@ std::string run_report(const std::string &in, const std::string &out, const std:
     o << fmt("  effect       %s (%s)\n", lib.descriptor.name, lib.descriptor.implementor);
     o << "  library      " << lib.resolved_path << "\n";
     o << "  tuning       " << tuning_name << "\n";
-    o << fmt("  stream       %d Hz, stereo, %s, %zu frames per call, %s, %s mode\n", r.rate,
+    const std::string resampled = r.source_rate ? fmt(" (resampled from %d Hz)", r.source_rate) : "";
+    o << fmt("  stream       %d Hz%s, stereo, %s, %zu frames per call, %s, %s mode\n", r.rate, resampled.c_str(),
              sample_format_name(parse_format(a.format)), a.frames, a.device.c_str(), a.mode.c_str());
     o << fmt("  duration     %.3f s (%lld frames)\n", seconds, static_cast<long long>(r.frames));
     if (r.processing)
@@ -275,6 +294,13 @@ int cmd_run(const RunArgs &a) {
     if (!parse_audio_mode(a.mode, mode))
         usage_error("--mode " + a.mode + " is unknown; use one of " + audio_mode_names() + ", or a number");
     if (!a.tuning.empty() && !a.params.empty()) usage_error("give --tuning or --params, not both");
+    int rate = 0;  // 0: the file's own
+    if (a.rate != "input") {
+        char *end = nullptr;
+        rate = static_cast<int>(std::strtol(a.rate.c_str(), &end, 10));
+        if (*end != '\0' || !effect_rate_supported(rate))
+            usage_error("--rate " + a.rate + ": give a rate the effect processes (44050 to 48050 Hz), or input");
+    }
     std::vector<std::string> inputs{a.in};
     if (!a.tuning.empty()) inputs.push_back(a.tuning);
     if (!a.params.empty()) inputs.push_back(a.params);
@@ -300,33 +326,33 @@ int cmd_run(const RunArgs &a) {
     s.bypass = a.bypass;
     s.frames_per_call = a.frames;
 
-    AudioBuffer in;
-    if (!audio_read(a.in, format, in, error)) failure(error);
-    if (in.channels > 2)
-        failure(a.in + ": " + std::to_string(in.channels) + " channels; the effect processes stereo (or mono, duplicated)");
-    if (in.channels == 1) {
-        note(a.in + " is mono: both channels of the effect get it, and the output is stereo");
-        audio_mono_to_stereo(in);
-    }
-    if (!effect_rate_supported(in.rate))
-        warn(a.in + " is at " + std::to_string(in.rate) +
+    AudioReader reader;
+    if (!audio_reader_open(reader, a.in, format, error)) failure(error);
+    if (reader.channels > 2)
+        failure(a.in + ": " + std::to_string(reader.channels) + " channels; the effect processes stereo (or mono, duplicated)");
+    if (reader.channels == 1) note(a.in + " is mono: both channels of the effect get it, and the output is stereo");
+    const int run_rate = rate ? rate : reader.rate;
+    if (run_rate != reader.rate)
+        note(fmt("%s is at %d Hz: resampled to %d Hz before the effect, as a device's mixer does (libsoxr, high "
+                 "quality); the output is at %d Hz",
+                 a.in.c_str(), reader.rate, run_rate, run_rate));
+    else if (!effect_rate_supported(reader.rate))
+        warn(a.in + " is at " + std::to_string(reader.rate) +
              " Hz: THE EFFECT DOES NOT PROCESS THIS RATE (it takes 44050 to 48050 Hz); the output will be "
-             "the input unchanged");
+             "the input unchanged. --rate 48000 resamples it first, as a device's mixer would");
     if (!out_note.empty()) note(out_note);
 
     LoadedLibrary l;
     open_library(l);
-    AudioBuffer out;
     RunReport report;
     s.progress = progress_bar("processing");
     bool ok;
     {
         StdoutMuffle muffle(!g_opt.verbose);
-        ok = effect_run(l.lib, in, s, out, report, error);
+        ok = effect_run_file(l.lib, reader, format, run_rate, a.out, s, report, error);
     }
     if (!ok) failure(error);
-    if (!report.processing && effect_rate_supported(in.rate)) explain_passthrough(report, a);
-    if (!audio_write(a.out, out, error)) failure(error);
+    if (!report.processing && effect_rate_supported(run_rate)) explain_passthrough(report, a);
     say(run_report(a.in, a.out, tuning_name, a, l.lib, report));
     return 0;
 }
@@ -598,8 +624,14 @@ int main(int argc, char **argv) {
     c_run->add_option("--format", run.format, "Buffer format the effect is configured for: float, 16 or 32")->capture_default_str();
     c_run->add_option("--frames", run.frames, "Frames per process call")->capture_default_str();
     c_run->add_option("--mode", run.mode, "Audio mode: " + audio_mode_names() + ", or a number")->capture_default_str();
+    c_run->add_option("--rate", run.rate,
+                      "The device's output rate in Hz: a file at another rate is resampled to it before the effect, "
+                      "as a device's mixer does, and written at it. input: the file's own rate (one the effect does "
+                      "not process passes through unchanged, with a warning)")
+        ->capture_default_str();
     c_run->add_flag("--bypass", run.bypass, "Send the client's bypass setting");
-    c_run->footer("Example:\n  sorn-hp run song.flac song-hp.wav --tuning my.json --device bt-a2dp\n");
+    c_run->footer("Example:\n  sorn-hp run song.flac song-hp.wav --tuning my.json --device bt-a2dp\n"
+                  "  sorn-hp run master-96k.wav master-hp.wav --rate 48000\n");
 
     std::string demo_dir = "sorn-hp-demo";
     auto *c_demo = app.add_subcommand("demo", "Synthesize a program, run it with the built-in tuning, plot, report");
