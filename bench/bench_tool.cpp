@@ -2,13 +2,18 @@
 // the design view, the GraphicEQ fit and tuning parsing.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cmath>
+#include <fstream>
+#include <random>
 #include <string>
 
 #include "tools/builtin_tuning.h"
 #include "tools/demo_program.h"
 #include "tools/design_view.h"
 #include "tools/effect_run.h"
+#include "tools/eq_fit.h"
+#include "tools/eq_import.h"
 #include "tools/graphiceq.h"
 #include "tools/tuning.h"
 
@@ -81,5 +86,84 @@ void BM_TuningParse(benchmark::State &state) {
     for (auto _ : state) benchmark::DoNotOptimize(tuning_from_json(text, "built-in"));
 }
 BENCHMARK(BM_TuningParse)->Unit(benchmark::kMicrosecond);
+
+// The import fit of a published correction at 48 kHz, judged on what the taps achieve:
+// counters rms_db, max_db (achieved vs target after the level offset), offset_db, designs.
+const char *const kCorrections[] = {"Sennheiser HD 650 GraphicEQ.txt", "Sennheiser HD 650 ParametricEQ.txt",
+                                    "Sony WH-1000XM4 GraphicEQ.txt", "Sony WH-1000XM4 ParametricEQ.txt"};
+
+FitResult fit_curve(const ImportedCurve &c) {
+    Interpolant interp;
+    Designer d;
+    std::string error;
+    StdoutMuffle muffle(true);
+    if (!interpolant_from_library(library().lib, interp, error) || !designer_open(library().lib, 48000, d, error))
+        std::abort();
+    const std::vector<double> grid = fit_grid_hz(48000);
+    FitResult r = eq_fit(d, interp, grid, eq_import_on_grid(c, grid, 48000));
+    designer_close(d);
+    return r;
+}
+
+// The same tables played at 44.1 kHz (the design's bins move): RMS from 20 Hz to the passband edge.
+double rms_at_44k1(const ImportedCurve &c, const sorn_hp_params_t &p) {
+    Designer d;
+    std::string error;
+    StdoutMuffle muffle(true);
+    if (!designer_open(library().lib, 44100, d, error)) std::abort();
+    const std::vector<double> grid = fit_grid_hz(44100), target = eq_import_on_grid(c, grid, 44100);
+    int32_t taps[513];
+    designer_taps(d, p, taps);
+    designer_close(d);
+    std::vector<double> a;
+    response_grid_db(response_grid(grid, 44100), taps, a);
+    double m = 0.0, s2 = 0.0;
+    for (size_t i = 0; i < grid.size(); ++i) m += (a[i] - target[i]) / double(grid.size());
+    for (size_t i = 0; i < grid.size(); ++i) s2 += (a[i] - target[i] - m) * (a[i] - target[i] - m);
+    return std::sqrt(s2 / double(grid.size()));
+}
+
+void BM_ImportFit(benchmark::State &state) {
+    std::ifstream in(std::string(SORN_HP_CORRECTIONS "/") + kCorrections[state.range(0)]);
+    const ImportedCurve c = eq_import_parse({std::istreambuf_iterator<char>(in), {}}, "correction");
+    if (!c.ok) state.SkipWithError(c.error.c_str());
+    state.SetLabel(kCorrections[state.range(0)]);
+    FitResult r;
+    for (auto _ : state) r = fit_curve(c);
+    state.counters["rms_db"] = r.rms_db;
+    state.counters["max_db"] = r.max_db;
+    state.counters["offset_db"] = r.level_offset_db;
+    state.counters["designs"] = r.designs;
+    state.counters["rms_44k1_db"] = rms_at_44k1(c, r.params);
+}
+BENCHMARK(BM_ImportFit)->DenseRange(0, 3)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+// Generated corrections of the published kinds (a bass shelf, peaks and dips of Q 0.7 to 4, a
+// treble shelf, a roll-off above 15 kHz, a negative level), fixed seed; argument: how many.
+// Counters: median and 90th percentile of the RMS error, and the worst.
+void BM_ImportFitGenerated(benchmark::State &state) {
+    std::mt19937 rng(2024);
+    auto uni = [&](double a, double b) { return std::uniform_real_distribution<double>(a, b)(rng); };
+    std::vector<ImportedCurve> cases(static_cast<size_t>(state.range(0)));
+    for (ImportedCurve &c : cases) {
+        c.preamp_db = -uni(2.0, 9.0);
+        c.filters.push_back({BiquadKind::low_shelf, uni(60, 250), uni(-8, 8), 0.7});
+        for (int n = 2 + static_cast<int>(rng() % 4); n > 0; --n)
+            c.filters.push_back({BiquadKind::peak, 100.0 * std::pow(100.0, uni(0, 1)), uni(-6, 6), uni(0.7, 4.0)});
+        c.filters.push_back({BiquadKind::high_shelf, uni(3000, 10000), uni(-5, 5), 0.7});
+        c.filters.push_back({BiquadKind::high_shelf, uni(15000, 19000), -uni(2, 10), 0.7});
+    }
+    std::vector<double> rms;
+    for (auto _ : state) {
+        rms.clear();
+        for (const ImportedCurve &c : cases) rms.push_back(fit_curve(c).rms_db);
+    }
+    std::sort(rms.begin(), rms.end());
+    state.counters["median_db"] = rms[rms.size() / 2];
+    state.counters["p90_db"] = rms[std::min(rms.size() - 1, rms.size() * 9 / 10)];
+    state.counters["worst_db"] = rms.back();
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(BM_ImportFitGenerated)->Arg(40)->Iterations(1)->Unit(benchmark::kSecond);
 
 }  // namespace
