@@ -121,6 +121,9 @@ void read_csv(const std::vector<std::string> &lines, const std::string &source, 
             throw Failure{where + ": frequency is not above the previous row's (rows must be in increasing frequency order)"};
         pts.push_back(p);
     }
+    if (pts.empty())
+        throw Failure{source + ": not a correction: no \"GraphicEQ:\", \"Preamp:\" or \"Filter:\" line and no rows "
+                               "of frequency and gain"};
     if (pts.size() < 2) throw Failure{source + ": a CSV correction needs at least two rows of frequency and gain"};
     c.format = "CSV";
     c.read.push_back("CSV: " + range_text(pts) + (header ? " (header line skipped)" : ""));
@@ -183,6 +186,17 @@ ImportedCurve eq_import_parse(const std::string &text_in, const std::string &sou
         });
         if (!keyed) {
             read_csv(lines, source, c);
+            c.ok = true;
+            return c;
+        }
+        // A GraphicEQ text alone may spread its points over several lines.
+        if (lower(trim(text)).rfind("graphiceq:", 0) == 0 && std::count(text.begin(), text.end(), ':') == 1) {
+            GraphicEqParse g = graphiceq_parse(text, source);
+            if (!g.ok) throw Failure{g.error};
+            c.notes = g.notes;
+            c.format = "GraphicEQ line";
+            c.read.push_back("GraphicEQ line: " + range_text(g.points));
+            c.tables.push_back(std::move(g.points));
             c.ok = true;
             return c;
         }
