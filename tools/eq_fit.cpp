@@ -79,9 +79,11 @@ struct Fitter {
 
 /* Offset that keeps the most of the target inside the window; the middle of the best ones. */
 double window_offset(const std::vector<double> &target) {
+    const auto [low, high] = std::minmax_element(target.begin(), target.end());
+    const double centre = std::round(50.0 - 50.0 * (*low + *high)) / 100.0;  // puts the middle at +0.5 dB
     double best = INFINITY, lo = 0.0, hi = 0.0;
-    for (int k = -4000; k <= 4000; ++k) {
-        const double o = k * 0.01;
+    for (int k = -3000; k <= 3000; ++k) {
+        const double o = centre + k * 0.01;
         double loss = 0.0;
         for (double t : target) {
             double v = t + o;

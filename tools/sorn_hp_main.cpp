@@ -356,11 +356,11 @@ std::string design_summary(const DesignView &v, const std::string &name, const T
         o << fmt("  %6.0f Hz   %+6.2f dB   %+6.2f dB", v.freq_hz[best], v.requested_db[best], v.achieved_db[best]);
         o << (shown ? fmt("   %+6.2f dB", v.target_db[best]) : std::string()) << "\n";
     }
-    o << fmt("  largest deviation %.2f dB at %.0f Hz (20 Hz to %.0f Hz)\n", v.max_deviation_db,
+    o << fmt("  largest deviation from requested %.2f dB at %.0f Hz (20 Hz to %.0f Hz)\n", v.max_deviation_db,
              v.max_deviation_hz, v.deviation_limit_hz);
     if (shown)
-        o << fmt("  achieved vs target %s moved by %+.2f dB: RMS %.2f dB (20 Hz to 20 kHz)\n",
-                 target->source.empty() ? "(imported)" : target->source.c_str(), target->level_offset_db,
+        o << fmt("  achieved vs target (%s, level %+.2f dB): RMS %.2f dB (20 Hz to 20 kHz)\n",
+                 target->source.empty() ? "imported" : target->source.c_str(), target->level_offset_db,
                  v.target_rms_db);
     return o.str();
 }
@@ -378,7 +378,10 @@ DesignView run_design(const LoadedLibrary &l, const sorn_hp_params_t &p, int rat
     return v;
 }
 
-std::string plot_title(const std::string &name, const DesignView &v) {
+std::string plot_title(const std::string &name, const DesignView &v, const TuningTarget *target = nullptr) {
+    if (!v.target_db.empty())
+        return fmt("%s at %d Hz: achieved vs target (level %+.2f dB) RMS %.2f dB, 20 Hz to 20 kHz", name.c_str(),
+                   v.rate, target->level_offset_db, v.target_rms_db);
     return fmt("%s at %d Hz: largest deviation %.2f dB at %.0f Hz", name.c_str(), v.rate, v.max_deviation_db,
                v.max_deviation_hz);
 }
@@ -423,7 +426,7 @@ int cmd_design(const DesignArgs &a) {
     std::string plot_message;
     if (!a.plot.empty()) {
         PlotResult pr;
-        if (!plot_response(v, a.plot, plot_title(name, v), find_gnuplot(), pr, error)) failure(error);
+        if (!plot_response(v, a.plot, plot_title(name, v, &t.target), find_gnuplot(), pr, error)) failure(error);
         if (pr.rendered)
             written.push_back(a.plot);
         else
@@ -568,14 +571,15 @@ int cmd_import_any(const ImportAnyArgs &a) {
     o << "sorn-hp import: " << a.file << " -> " << a.out << "\n";
     o << "  read          " << c.format << "\n";
     for (const std::string &r : c.read) o << "                " << r << "\n";
-    o << fmt("  fitted        lc 12, hp 12 and ea 8 points at %d Hz through the library's design "
-             "(%d designs, %.1f s)\n", a.rate, fit.designs, seconds);
-    o << fmt("  level offset  %+.2f dB: the correction is played that much louder than published "
-             "(the effect's loudness stage follows the filter)\n", fit.level_offset_db);
+    o << fmt("  fitted        lc 12, hp 12, ea 8 points, judged by the library's own design at %d Hz\n"
+             "                (%d designs, %.1f s)\n", a.rate, fit.designs, seconds);
+    o << fmt("  level offset  %+.2f dB (the correction plays that much louder than published;\n"
+             "                the effect's loudness stage follows the filter)\n", fit.level_offset_db);
     o << fmt("  achieved      vs target, 20 Hz to %.0f Hz: RMS %.2f dB, largest %.2f dB at %.0f Hz\n",
              grid.back(), fit.rms_db, fit.max_db, fit.max_hz);
-    o << fmt("  error from    the -6..+7 dB window %.2f dB, detail finer than the filter resolves (about %.0f Hz) "
-             "%.2f dB, the tables (32 points, whole dB and Hz) %.2f dB (RMS parts, adding up in squares)\n",
+    o << fmt("  error from    the -6..+7 dB window %.2f dB, detail finer than the filter resolves\n"
+             "                (about %.0f Hz) %.2f dB, the tables (32 points, whole dB and Hz) %.2f dB\n"
+             "                (RMS parts; their squares add up to the total's)\n",
              fit.window_db, a.rate / 513.0, fit.resolution_db, fit.table_db);
     say(o.str());
     return 0;
