@@ -14,6 +14,7 @@ constexpr double kMaxDb = 7.0;
 constexpr int kKnots = 32;                 /* lc 12, hp 12, ea 8 */
 constexpr int kStart[] = {0, 12, 24, 32}; /* first knot of each group */
 constexpr uint32_t kTopHz = 21999;         /* 22000 would meet the design's own end knot */
+constexpr size_t kRelocationPeaks = 3;     /* error peaks a relocation round tries */
 
 struct Tables {
     uint32_t f[kKnots];
@@ -159,47 +160,89 @@ FitResult eq_fit(Designer &designer, const Interpolant &interp, const std::vecto
     };
     static const double kRatios[] = {1.122462048309373, 0.890898718140339, 1.059463094359295,
                                      0.943874312681693, 1.021897148654117, 0.978572062087700};
-    for (double before = INFINITY; before - best > kMinGainDb && fit.designs < kMaxDesigns;) {
-        before = best;
-        // The level of a whole group, up or down a dB.
-        for (int g = 0; g < 3; ++g)
-            for (int step : {1, -1}) {
-                Tables cand = t;
-                for (int j = kStart[g]; j < kStart[g + 1]; ++j) cand.g[j] += step;
-                try_move(cand);
-            }
-        for (int j = 0; j < kKnots; ++j) {
-            for (int step : {1, -1}) {
-                Tables cand = t;
-                cand.g[j] += step;
-                try_move(cand);
-            }
-            const int g = group_of(j);
-            for (double ratio : kRatios) {
-                const uint32_t lo = j > kStart[g] ? t.f[j - 1] + 1 : 1;
-                const uint32_t hi = j + 1 < kStart[g + 1] ? t.f[j + 1] - 1 : kTopHz;
-                const auto f = static_cast<uint32_t>(std::clamp<double>(std::lround(t.f[j] * ratio), lo, hi));
-                if (f == t.f[j]) continue;
-                Tables cand = t;
-                cand.f[j] = f;
-                try_move(cand);
-            }
-            // Trade a dB with the nearest point of each other group: moves the sum by less
-            // than a whole dB somewhere between them.
-            for (int other = 0; other < 3; ++other) {
-                if (other == g) continue;
-                int near = kStart[other];
-                for (int k = kStart[other]; k < kStart[other + 1]; ++k)
-                    if (std::fabs(std::log(double(t.f[k]) / t.f[j])) < std::fabs(std::log(double(t.f[near]) / t.f[j]))) near = k;
+    auto local_search = [&] {
+        for (double before = INFINITY; before - best > kMinGainDb && fit.designs < kMaxDesigns;) {
+            before = best;
+            // The level of a whole group, up or down a dB.
+            for (int g = 0; g < 3; ++g)
+                for (int step : {1, -1}) {
+                    Tables cand = t;
+                    for (int j = kStart[g]; j < kStart[g + 1]; ++j) cand.g[j] += step;
+                    try_move(cand);
+                }
+            for (int j = 0; j < kKnots; ++j) {
                 for (int step : {1, -1}) {
                     Tables cand = t;
                     cand.g[j] += step;
-                    cand.g[near] -= step;
                     try_move(cand);
+                }
+                const int g = group_of(j);
+                for (double ratio : kRatios) {
+                    const uint32_t lo = j > kStart[g] ? t.f[j - 1] + 1 : 1;
+                    const uint32_t hi = j + 1 < kStart[g + 1] ? t.f[j + 1] - 1 : kTopHz;
+                    const auto f = static_cast<uint32_t>(std::clamp<double>(std::lround(t.f[j] * ratio), lo, hi));
+                    if (f == t.f[j]) continue;
+                    Tables cand = t;
+                    cand.f[j] = f;
+                    try_move(cand);
+                }
+                // Trade a dB with the nearest point of each other group: moves the sum by less
+                // than a whole dB somewhere between them.
+                for (int other = 0; other < 3; ++other) {
+                    if (other == g) continue;
+                    int near = kStart[other];
+                    for (int k = kStart[other]; k < kStart[other + 1]; ++k)
+                        if (std::fabs(std::log(double(t.f[k]) / t.f[j])) < std::fabs(std::log(double(t.f[near]) / t.f[j]))) near = k;
+                    for (int step : {1, -1}) {
+                        Tables cand = t;
+                        cand.g[j] += step;
+                        cand.g[near] -= step;
+                        try_move(cand);
+                    }
                 }
             }
         }
-    }
+    };
+
+    // 4. Points that sit where they help least move to where the error is largest (a group's
+    //    points are re-sorted), each followed by a new local search while that pays.
+    std::vector<double> best_achieved;
+    auto relocate = [&] {
+        fit.cost(t);
+        best_achieved = fit.achieved;
+        const double m = mean(best_achieved) - mean(target_db);
+        std::vector<double> e(freq_hz.size());
+        for (size_t i = 0; i < e.size(); ++i) e[i] = best_achieved[i] - target_db[i] - m;
+        std::vector<size_t> peaks;
+        for (size_t i = 0; i < e.size(); ++i)
+            if ((i == 0 || std::fabs(e[i]) >= std::fabs(e[i - 1])) && (i + 1 == e.size() || std::fabs(e[i]) > std::fabs(e[i + 1])))
+                peaks.push_back(i);
+        std::stable_sort(peaks.begin(), peaks.end(), [&](size_t x, size_t y) { return std::fabs(e[x]) > std::fabs(e[y]); });
+        peaks.resize(std::min<size_t>(peaks.size(), kRelocationPeaks));
+        const double start = best;
+        for (size_t i : peaks) {
+            for (int j = 0; j < kKnots; ++j) {
+                const int g = group_of(j);
+                const auto f = static_cast<uint32_t>(std::clamp<long>(std::lround(freq_hz[i]), 1, kTopHz));
+                if (std::find(t.f + kStart[g], t.f + kStart[g + 1], f) != t.f + kStart[g + 1]) continue;
+                const sorn_hp_params_t p = to_params(t);
+                const double here = effect_group_curve(group_freq(p, kGroups[g]), group_gain(p, kGroups[g]),
+                                                       group_points(kGroups[g]), {double(f)}, interp)[0];
+                Tables cand = t;
+                cand.f[j] = f;
+                cand.g[j] = static_cast<int32_t>(std::lround(here - e[i]));
+                std::vector<std::pair<uint32_t, int32_t>> pts;
+                for (int k = kStart[g]; k < kStart[g + 1]; ++k) pts.push_back({cand.f[k], cand.g[k]});
+                std::sort(pts.begin(), pts.end());
+                for (int k = kStart[g]; k < kStart[g + 1]; ++k) cand.f[k] = pts[k - kStart[g]].first, cand.g[k] = pts[k - kStart[g]].second;
+                try_move(cand);
+            }
+            if (best < start) return true;
+        }
+        return false;
+    };
+    local_search();
+    while (fit.designs < kMaxDesigns && relocate()) local_search();
 
     FitResult r;
     r.params = to_params(t);

@@ -16,7 +16,10 @@
  *   3. searches coordinate by coordinate through the design: each point's gain by one dB, each
  *      point's frequency by 1/6, 1/12 and 1/32 octave within its neighbours, and pairs of
  *      points that trade a dB between groups, and whole groups up or down a dB, keeping a move
- *      only when the RMS error falls.
+ *      only when the RMS error falls;
+ *   4. then tries moving any one point to one of the largest peaks of the remaining error (with
+ *      the gain that cancels it there; its group is re-sorted) and, when that helps, searches
+ *      locally again.
  * Every candidate keeps the tables valid for the block (whole Hz strictly increasing from 1 to
  * 21999 Hz, whole dB) and the summed curve inside -6..+7 dB on every design bin, so what is
  * requested is what is designed. Deterministic: the same target gives the same block. The

@@ -20,7 +20,7 @@
 
 #include <cerrno>
 #include <cstdarg>
-#include <chrono>
+#include <ctime>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -545,7 +545,7 @@ int cmd_import_any(const ImportAnyArgs &a) {
     std::string error;
     const std::vector<double> grid = fit_grid_hz(a.rate);
     const std::vector<double> target = eq_import_on_grid(c, grid, a.rate);
-    const auto start = std::chrono::steady_clock::now();
+    const std::clock_t start = std::clock();
     FitResult fit;
     {
         StdoutMuffle muffle(!g_opt.verbose);
@@ -556,7 +556,7 @@ int cmd_import_any(const ImportAnyArgs &a) {
         fit = eq_fit(designer, interp, grid, target);
         designer_close(designer);
     }
-    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    const double seconds = double(std::clock() - start) / CLOCKS_PER_SEC;
     fit.params.ss = a.surround ? 1 : 0;
     TuningTarget kept{base_name(a.file), fit.level_offset_db, {}};
     for (size_t i = 0; i < grid.size(); ++i) kept.points.push_back({grid[i], target[i]});
@@ -572,7 +572,7 @@ int cmd_import_any(const ImportAnyArgs &a) {
     o << "  read          " << c.format << "\n";
     for (const std::string &r : c.read) o << "                " << r << "\n";
     o << fmt("  fitted        lc 12, hp 12, ea 8 points, judged by the library's own design at %d Hz\n"
-             "                (%d designs, %.1f s)\n", a.rate, fit.designs, seconds);
+             "                (%d designs, %.1f s of processor time)\n", a.rate, fit.designs, seconds);
     o << fmt("  level offset  %+.2f dB (the correction plays that much louder than published;\n"
              "                the effect's loudness stage follows the filter)\n", fit.level_offset_db);
     o << fmt("  achieved      vs target, 20 Hz to %.0f Hz: RMS %.2f dB, largest %.2f dB at %.0f Hz\n",
