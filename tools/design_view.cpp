@@ -217,7 +217,7 @@ bool design_view_run(const EffectLibrary &lib, const sorn_hp_params_t &p, int ra
             bool inside = f >= target->points.front().freq_hz && f <= target->points.back().freq_hz;
             double t = interp_log_freq(target->points, f) + target->level_offset_db;
             view.target_db.push_back(inside ? t : NAN);
-            if (inside && f >= 20.0 && f <= 20000.0) sum_sq += (view.achieved_db[i] - t) * (view.achieved_db[i] - t), ++n;
+            if (inside && f >= 20.0 && f <= view.deviation_limit_hz) sum_sq += (view.achieved_db[i] - t) * (view.achieved_db[i] - t), ++n;
         }
         view.target_rms_db = n ? std::sqrt(sum_sq / n) : 0.0;
     }

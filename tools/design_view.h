@@ -57,7 +57,8 @@ struct DesignView {
     double deviation_limit_hz = 0.0;
     std::vector<std::string> warnings;
     /* From an imported tuning: the correction it was fitted to, moved by the level offset, on
-       the same grid (empty otherwise), and the RMS of achieved minus it from 20 Hz to 20 kHz. */
+       the same grid (empty otherwise), and the RMS of achieved minus it over the same range as
+       the largest deviation. */
     std::vector<double> target_db;
     double target_rms_db = 0.0;
 };

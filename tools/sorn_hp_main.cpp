@@ -359,9 +359,9 @@ std::string design_summary(const DesignView &v, const std::string &name, const T
     o << fmt("  largest deviation from requested %.2f dB at %.0f Hz (20 Hz to %.0f Hz)\n", v.max_deviation_db,
              v.max_deviation_hz, v.deviation_limit_hz);
     if (shown)
-        o << fmt("  achieved vs target (%s, level %+.2f dB): RMS %.2f dB (20 Hz to 20 kHz)\n",
+        o << fmt("  achieved vs target (%s, level %+.2f dB): RMS %.2f dB (20 Hz to %.0f Hz)\n",
                  target->source.empty() ? "imported" : target->source.c_str(), target->level_offset_db,
-                 v.target_rms_db);
+                 v.target_rms_db, v.deviation_limit_hz);
     return o.str();
 }
 
@@ -380,8 +380,8 @@ DesignView run_design(const LoadedLibrary &l, const sorn_hp_params_t &p, int rat
 
 std::string plot_title(const std::string &name, const DesignView &v, const TuningTarget *target = nullptr) {
     if (!v.target_db.empty())
-        return fmt("%s at %d Hz: achieved vs target (level %+.2f dB) RMS %.2f dB, 20 Hz to 20 kHz", name.c_str(),
-                   v.rate, target->level_offset_db, v.target_rms_db);
+        return fmt("%s at %d Hz: achieved vs target (level %+.2f dB) RMS %.2f dB, 20 to %.0f Hz", name.c_str(),
+                   v.rate, target->level_offset_db, v.target_rms_db, v.deviation_limit_hz);
     return fmt("%s at %d Hz: largest deviation %.2f dB at %.0f Hz", name.c_str(), v.rate, v.max_deviation_db,
                v.max_deviation_hz);
 }
