@@ -519,6 +519,8 @@ int cmd_import(const ImportArgs &a) {
 
 /* ---- import ------------------------------------------------------------------------------ */
 
+void set_log_level();
+
 struct ImportAnyArgs {
     std::string file, out;
     int rate = 48000;
@@ -553,7 +555,17 @@ int cmd_import_any(const ImportAnyArgs &a) {
             designer_close(designer);
             failure(error);
         }
+        // The library logs every design; thousands of trial designs would bury the one that
+        // counts, so under -v only the chosen tables' design is logged.
+        __android_log_set_minimum_priority(ANDROID_LOG_SILENT);
         fit = eq_fit(designer, interp, grid, target);
+        set_log_level();
+        if (g_opt.verbose) {
+            note(fmt("the library's log of the fit's %d trial designs is left out; the chosen tables' design follows",
+                     fit.designs));
+            int32_t taps[513];
+            designer_taps(designer, fit.params, taps);
+        }
         designer_close(designer);
     }
     const double seconds = double(std::clock() - start) / CLOCKS_PER_SEC;
