@@ -22,7 +22,9 @@
  *      locally again.
  * Every candidate keeps the tables valid for the block (whole Hz strictly increasing from 1 to
  * 21999 Hz, whole dB) and the summed curve inside -6..+7 dB on every design bin, so what is
- * requested is what is designed. Deterministic: the same target gives the same block. The
+ * requested is what is designed; and no group steps by 2 dB or more between points closer than
+ * one design bin (rate/1024), which would only shape the curve between the bins and so change
+ * with the rate. Deterministic: the same target gives the same block. The
  * search ends after a pass that gains less than kMinGainDb, or once kMaxDesigns designs are
  * spent.
  *

@@ -83,8 +83,8 @@ bool parse_filter(const std::string &body, const std::string &where, Biquad &b, 
         ++i;
     }
     if (!(fc > 0.0 && fc < 22050.0)) throw Failure{where + ": Fc must be above 0 and below 22050 Hz"};
-    if (std::isnan(gain)) throw Failure{where + ": Gain missing"};
-    if (!(q > 0.0)) throw Failure{where + ": Q missing or not above 0"};
+    if (!(std::fabs(gain) <= 100.0)) throw Failure{where + ": Gain missing or beyond +-100 dB"};
+    if (!(q >= 0.01 && q <= 1000.0)) throw Failure{where + ": Q missing or outside 0.01 to 1000"};
     b.fc_hz = fc, b.gain_db = gain, b.q = q;
     return state == "on";
 }
