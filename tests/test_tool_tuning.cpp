@@ -87,6 +87,8 @@ TEST(ToolTuning, MistakesGiveOneMessageNamingFileFieldAndProblem) {
         {grp("hp", "\"enabled\": true, \"points\": [[\"1k\", 1]]"), {"frequency", "number of Hz"}},
         {grp("hp", "\"enabled\": true, \"enabled\": false"), {"hp.enabled: given twice"}},
         {"{\"reserved\": [1, 2]}", {"reserved", "5 integers"}},
+        {"{\"target\": {\"points\": [[100, 1], [50, 2]]}}", {"target.points: point 2", "increasing"}},
+        {"{\"target\": {\"points\": [[100, 1]], \"level_offset_db\": \"+3\"}}", {"target.level_offset_db", "number"}},
         {"{\n  \"lc\": {\n    \"enabled\": tru\n  }\n}", {"not valid JSON", "line 3"}},
     };
     for (const auto &c : cases) {
@@ -128,6 +130,19 @@ TEST(ToolTuning, TablesAreTakenAsGivenOrResampledWithANote) {
     TuningResult one = one_group("ea", "\"enabled\": true, \"points\": [[1000,3]]");
     ASSERT_TRUE(one.ok) << one.error;
     for (int i = 0; i < 8; ++i) EXPECT_EQ(3, one.params.ea_gain[i]);
+}
+
+// The target an import fitted to travels with the tuning file but never reaches the block.
+TEST(ToolTuning, ImportTargetIsKeptBesideTheBlock) {
+    const sorn_hp_params_t p = tuning_from_json(builtin_tuning_json(), "built-in").params;
+    const TuningTarget target{"hd650.txt", 7.5, {{20, -0.2}, {1000, -6.85}, {19871, -15.6}}};
+    TuningResult back = tuning_from_json(tuning_to_json(p, &target), "t.json");
+    ASSERT_TRUE(back.ok) << back.error;
+    EXPECT_EQ(params_to_bytes(p), params_to_bytes(back.params));
+    EXPECT_EQ("hd650.txt", back.target.source);
+    EXPECT_DOUBLE_EQ(7.5, back.target.level_offset_db);
+    ASSERT_EQ(3u, back.target.points.size());
+    EXPECT_DOUBLE_EQ(-6.85, back.target.points[1].gain_db);
 }
 
 TEST(ToolTuning, DisabledGroupKeepsItsTableAsGivenWithANoteWhenItWouldBeRefused) {

@@ -114,33 +114,77 @@ std::vector<std::string> design_warnings(const sorn_hp_params_t &p, int rate, co
     return out;
 }
 
-bool design_view_run(const EffectLibrary &lib, const sorn_hp_params_t &p, int rate, DesignView &view,
-                     std::string &error) {
+bool designer_open(const EffectLibrary &lib, int rate, Designer &d, std::string &error) {
     using InitFn = void *(*)(int, int, int);
-    using SetFn = void (*)(void *, void *);
-    using DeinitFn = void (*)(void *);
     auto init = reinterpret_cast<InitFn>(effect_library_symbol(lib, "sorn_hp_wrapper_init"));
-    auto set = reinterpret_cast<SetFn>(effect_library_symbol(lib, "sorn_hp_wrapper_set_parameters"));
-    auto deinit = reinterpret_cast<DeinitFn>(effect_library_symbol(lib, "sorn_hp_wrapper_deinit"));
-    Interpolant interp;
-    if (!init || !set || !deinit) {
+    d = Designer{};
+    d.set = reinterpret_cast<decltype(d.set)>(effect_library_symbol(lib, "sorn_hp_wrapper_set_parameters"));
+    d.deinit = reinterpret_cast<decltype(d.deinit)>(effect_library_symbol(lib, "sorn_hp_wrapper_deinit"));
+    if (!init || !d.set || !d.deinit) {
         error = lib.path + ": the library does not export its wrapper entry points (sorn_hp_wrapper_*)";
         return false;
     }
-    if (!interpolant_from_library(lib, interp, error)) return false;
-
-    view = DesignView{};
-    view.rate = rate;
     auto *w = static_cast<sorn_hp_wrapper_t *>(init(rate, 3, 2));
     if (!w || w->state == 0) {
-        if (w) deinit(w);
+        if (w) d.deinit(w);
         error = "the library's wrapper refuses " + std::to_string(rate) + " Hz";
         return false;
     }
+    d.wrapper = w;
+    d.rate = rate;
+    return true;
+}
+
+void designer_taps(Designer &d, const sorn_hp_params_t &p, int32_t *taps) {
+    auto *w = static_cast<sorn_hp_wrapper_t *>(d.wrapper);
     sorn_hp_params_t block = p;
-    set(w, &block);
-    view.taps.assign(w->frc.coef_left, w->frc.coef_left + ORLA_FIR_TAPS);
-    deinit(w);
+    d.set(w, &block);
+    std::copy(w->frc.coef_left, w->frc.coef_left + ORLA_FIR_TAPS, taps);
+}
+
+void designer_close(Designer &d) {
+    if (d.wrapper) d.deinit(d.wrapper);
+    d.wrapper = nullptr;
+}
+
+ResponseGrid response_grid(const std::vector<double> &freq_hz, int rate) {
+    ResponseGrid g;
+    g.freq_hz = freq_hz;
+    for (double f : freq_hz) {
+        const double w = -2.0 * M_PI * f / rate;
+        for (int k = 0; k < ORLA_FIR_TAPS; ++k) {
+            g.re.push_back(static_cast<float>(std::cos(w * k) / 8388608.0));
+            g.im.push_back(static_cast<float>(std::sin(w * k) / 8388608.0));
+        }
+    }
+    return g;
+}
+
+void response_grid_db(const ResponseGrid &g, const int32_t *taps, std::vector<double> &out_db) {
+    out_db.resize(g.freq_hz.size());
+    float t[ORLA_FIR_TAPS];
+    for (int k = 0; k < ORLA_FIR_TAPS; ++k) t[k] = static_cast<float>(taps[k]);
+    for (size_t i = 0; i < g.freq_hz.size(); ++i) {
+        const float *re = &g.re[i * ORLA_FIR_TAPS], *im = &g.im[i * ORLA_FIR_TAPS];
+        float a = 0.0f, b = 0.0f;
+        for (int k = 0; k < ORLA_FIR_TAPS; ++k) a += t[k] * re[k], b += t[k] * im[k];
+        out_db[i] = 10.0 * std::log10(std::max(double(a) * a + double(b) * b, 1e-24));
+    }
+}
+
+bool design_view_run(const EffectLibrary &lib, const sorn_hp_params_t &p, int rate, DesignView &view,
+                     std::string &error, const TuningTarget *target) {
+    Interpolant interp;
+    Designer d;
+    if (!designer_open(lib, rate, d, error) || !interpolant_from_library(lib, interp, error)) {
+        designer_close(d);
+        return false;
+    }
+    view = DesignView{};
+    view.rate = rate;
+    view.taps.resize(ORLA_FIR_TAPS);
+    designer_taps(d, p, view.taps.data());
+    designer_close(d);
 
     const double lo = 10.0, hi = rate / 2.0;
     for (int i = 0; i < kPlotPoints; ++i)
@@ -165,6 +209,18 @@ bool design_view_run(const EffectLibrary &lib, const sorn_hp_params_t &p, int ra
         }
     }
     view.warnings = design_warnings(p, rate, interp);
+    if (target && !target->points.empty()) {
+        double sum_sq = 0.0;
+        int n = 0;
+        for (size_t i = 0; i < view.freq_hz.size(); ++i) {
+            double f = view.freq_hz[i];
+            bool inside = f >= target->points.front().freq_hz && f <= target->points.back().freq_hz;
+            double t = interp_log_freq(target->points, f) + target->level_offset_db;
+            view.target_db.push_back(inside ? t : NAN);
+            if (inside && f >= 20.0 && f <= view.deviation_limit_hz) sum_sq += (view.achieved_db[i] - t) * (view.achieved_db[i] - t), ++n;
+        }
+        view.target_rms_db = n ? std::sqrt(sum_sq / n) : 0.0;
+    }
     return true;
 }
 

@@ -56,11 +56,42 @@ struct DesignView {
     double max_deviation_hz = 0.0;
     double deviation_limit_hz = 0.0;
     std::vector<std::string> warnings;
+    /* From an imported tuning: the correction it was fitted to, moved by the level offset, on
+       the same grid (empty otherwise), and the RMS of achieved minus it over the same range as
+       the largest deviation. */
+    std::vector<double> target_db;
+    double target_rms_db = 0.0;
 };
+
+/* The library's own design of a block, kept open for repeated use (the fit designs thousands of
+   candidates): one processing wrapper made for the rate, handed each block through
+   sorn_hp_wrapper_set_parameters; its FIR record then holds the 513 Q23 taps the effect would
+   play. This is the only place the tool reaches the design. */
+struct Designer {
+    void *wrapper = nullptr;
+    void (*set)(void *, void *) = nullptr;
+    void (*deinit)(void *) = nullptr;
+    int rate = 0;
+};
+
+/* False with `error` when the library lacks the entry points or refuses the rate. */
+bool designer_open(const EffectLibrary &lib, int rate, Designer &d, std::string &error);
+/* Writes the 513 taps the library designs for `p`. */
+void designer_taps(Designer &d, const sorn_hp_params_t &p, int32_t *taps);
+void designer_close(Designer &d);
+
+/* Magnitude response in dB of 513 Q23 taps on a fixed frequency grid, with the complex
+   exponentials computed once: the fit evaluates thousands of tap sets on the same grid. */
+struct ResponseGrid {
+    std::vector<double> freq_hz;
+    std::vector<float> re, im; /* cos and -sin of the tap phase, tap-major per frequency */
+};
+ResponseGrid response_grid(const std::vector<double> &freq_hz, int rate);
+void response_grid_db(const ResponseGrid &g, const int32_t *taps, std::vector<double> &out_db);
 
 /* Runs the library's design; false with `error` when the library lacks the entry points. */
 bool design_view_run(const EffectLibrary &lib, const sorn_hp_params_t &p, int rate, DesignView &view,
-                     std::string &error);
+                     std::string &error, const TuningTarget *target = nullptr);
 
 }  // namespace sorn_tool
 

@@ -70,10 +70,11 @@ bool write_text(const std::string &path, const std::string &text, std::string &e
 
 std::string data_text(const DesignView &v) {
     std::ostringstream o;
-    o << "# frequency_hz requested_db achieved_db lc_db hp_db ea_db\n";
+    o << "# frequency_hz requested_db achieved_db lc_db hp_db ea_db target_db\n";
     for (size_t i = 0; i < v.freq_hz.size(); ++i) {
         o << number(v.freq_hz[i]) << ' ' << number(v.requested_db[i]) << ' ' << number(v.achieved_db[i]);
         for (const auto &g : v.group_db) o << ' ' << (g.empty() ? "NaN" : number(g[i]));
+        o << ' ' << (v.target_db.empty() ? "NaN" : number(v.target_db[i]));
         o << '\n';
     }
     return o.str();
@@ -99,7 +100,10 @@ std::string script_text(const DesignView &v, const std::string &data, const std:
     o << "set label 'fs/513: finest detail' at " << number(resolution * 1.06)
       << ",11 textcolor rgb '#666666'\n"
       << "set label 'low-pass' at " << number(0.42 * v.rate * 0.72) << ",11 textcolor rgb '#666666'\n";
-    o << "plot " << gp_quote(data) << " using 1:2 with lines linewidth 3 linecolor rgb '#1f77b4' title 'requested (sum, limited to -6..+7 dB)', \\\n"
+    o << "plot " << gp_quote(data);
+    if (!v.target_db.empty())
+        o << " using 1:7 with lines linewidth 5 linecolor rgb '#bbbbbb' title 'target (the imported correction, level moved)', \\\n     ''";
+    o << " using 1:2 with lines linewidth 3 linecolor rgb '#1f77b4' title 'requested (sum, limited to -6..+7 dB)', \\\n"
       << "     '' using 1:3 with lines linewidth 2 linecolor rgb '#d62728' title 'achieved by the 513 taps'";
     static const char *const kNames[] = {"lc", "hp", "ea"};
     static const char *const kColors[] = {"#2ca02c", "#9467bd", "#ff7f0e"};
@@ -201,11 +205,13 @@ bool plot_response(const DesignView &view, const std::string &out_path, const st
 
 bool write_response_csv(const DesignView &view, const std::string &path, std::string &error) {
     std::ostringstream o;
-    o << "frequency_hz,requested_db,achieved_db,lc_db,hp_db,ea_db\n";
+    const bool target = !view.target_db.empty();
+    o << "frequency_hz,requested_db,achieved_db,lc_db,hp_db,ea_db" << (target ? ",target_db\n" : "\n");
     for (size_t i = 0; i < view.freq_hz.size(); ++i) {
         o << number(view.freq_hz[i]) << ',' << number(view.requested_db[i]) << ','
           << number(view.achieved_db[i]);
         for (const auto &g : view.group_db) o << ',' << (g.empty() ? "" : number(g[i]));
+        if (target) o << ',' << number(view.target_db[i]);
         o << '\n';
     }
     return write_text(path, o.str(), error);

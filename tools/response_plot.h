@@ -1,6 +1,6 @@
 /*
  * Pictures and tables of a design: the requested and the achieved response (and each used
- * group) on a log-frequency axis, rendered by gnuplot to PNG or SVG; the same data as CSV; the
+ * group, and the target of an imported tuning) on a log-frequency axis, rendered by gnuplot to PNG or SVG; the same data as CSV; the
  * 513 taps as text.
  *
  * When gnuplot is not installed the data and the script are written beside the requested

@@ -5,7 +5,9 @@
  *   demo              synthesized program through the built-in tuning, with plot and report
  *   design            the library's own design of a tuning: requested vs achieved response
  *   params            tuning file <-> 292-byte parameter block
- *   import-graphiceq  "GraphicEQ: f g; ..." text into a tuning group
+ *   import            a published correction (GraphicEQ, parametric, EqualizerAPO, CSV) fitted
+ *                     into all three groups through the library's own design
+ *   import-graphiceq  "GraphicEQ: f g; ..." text into one tuning group
  *   info              the library's descriptor
  *
  * Exit status: 0 success, 1 usage error (arguments, outputs that exist or would overwrite an
@@ -18,7 +20,7 @@
 
 #include <cerrno>
 #include <cstdarg>
-#include <chrono>
+#include <ctime>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -37,6 +39,8 @@
 #include "tools/design_view.h"
 #include "tools/effect_host.h"
 #include "tools/effect_run.h"
+#include "tools/eq_fit.h"
+#include "tools/eq_import.h"
 #include "tools/file_run.h"
 #include "tools/graphiceq.h"
 #include "tools/response_plot.h"
@@ -151,12 +155,14 @@ void make_dir(const std::string &dir) {
 
 /* ---- tunings and blocks -------------------------------------------------------------------- */
 
-sorn_hp_params_t load_tuning(const std::string &path) {
+TuningResult load_tuning_file(const std::string &path) {
     TuningResult t = tuning_load(path);
     if (!t.ok) failure(t.error);
     for (const std::string &n : t.notes) note(n);
-    return t.params;
+    return t;
 }
+
+sorn_hp_params_t load_tuning(const std::string &path) { return load_tuning_file(path).params; }
 
 sorn_hp_params_t builtin_params() {
     TuningResult t = tuning_from_json(builtin_tuning_json(), "built-in tuning");
@@ -364,34 +370,44 @@ struct DesignArgs {
     int rate = 48000;
 };
 
-std::string design_summary(const DesignView &v, const std::string &name) {
+std::string design_summary(const DesignView &v, const std::string &name, const TuningTarget *target = nullptr) {
+    const bool shown = !v.target_db.empty();
     std::ostringstream o;
     o << "sorn-hp design: " << name << " at " << v.rate << " Hz (513 minimum-phase taps)\n";
-    o << "  frequency   requested   achieved\n";
+    o << "  frequency   requested   achieved" << (shown ? "     target" : "") << "\n";
     for (double f : {31.25, 62.5, 125.0, 250.0, 500.0, 1000.0, 2000.0, 4000.0, 8000.0, 16000.0}) {
         size_t best = 0;
         for (size_t i = 0; i < v.freq_hz.size(); ++i)
             if (std::fabs(std::log(v.freq_hz[i] / f)) < std::fabs(std::log(v.freq_hz[best] / f))) best = i;
-        o << fmt("  %6.0f Hz   %+6.2f dB   %+6.2f dB\n", v.freq_hz[best], v.requested_db[best], v.achieved_db[best]);
+        o << fmt("  %6.0f Hz   %+6.2f dB   %+6.2f dB", v.freq_hz[best], v.requested_db[best], v.achieved_db[best]);
+        o << (shown ? fmt("   %+6.2f dB", v.target_db[best]) : std::string()) << "\n";
     }
-    o << fmt("  largest deviation %.2f dB at %.0f Hz (20 Hz to %.0f Hz)\n", v.max_deviation_db,
+    o << fmt("  largest deviation from requested %.2f dB at %.0f Hz (20 Hz to %.0f Hz)\n", v.max_deviation_db,
              v.max_deviation_hz, v.deviation_limit_hz);
+    if (shown)
+        o << fmt("  achieved vs target (%s, level %+.2f dB): RMS %.2f dB (20 Hz to %.0f Hz)\n",
+                 target->source.empty() ? "imported" : target->source.c_str(), target->level_offset_db,
+                 v.target_rms_db, v.deviation_limit_hz);
     return o.str();
 }
 
-DesignView run_design(const LoadedLibrary &l, const sorn_hp_params_t &p, int rate) {
+DesignView run_design(const LoadedLibrary &l, const sorn_hp_params_t &p, int rate,
+                      const TuningTarget *target = nullptr) {
     DesignView v;
     std::string error;
     bool ok;
     {
         StdoutMuffle muffle(!g_opt.verbose);
-        ok = design_view_run(l.lib, p, rate, v, error);
+        ok = design_view_run(l.lib, p, rate, v, error, target);
     }
     if (!ok) failure(error);
     return v;
 }
 
-std::string plot_title(const std::string &name, const DesignView &v) {
+std::string plot_title(const std::string &name, const DesignView &v, const TuningTarget *target = nullptr) {
+    if (!v.target_db.empty())
+        return fmt("%s at %d Hz: achieved vs target (level %+.2f dB) RMS %.2f dB, 20 to %.0f Hz", name.c_str(),
+                   v.rate, target->level_offset_db, v.target_rms_db, v.deviation_limit_hz);
     return fmt("%s at %d Hz: largest deviation %.2f dB at %.0f Hz", name.c_str(), v.rate, v.max_deviation_db,
                v.max_deviation_hz);
 }
@@ -408,11 +424,21 @@ int cmd_design(const DesignArgs &a) {
     check_outputs(outs, inputs);
 
     const std::string name = a.tuning.empty() ? "built-in example" : a.tuning;
-    sorn_hp_params_t p = a.tuning.empty() ? builtin_params() : load_tuning(a.tuning);
+    TuningResult t;
+    if (a.tuning.empty()) t.params = builtin_params();
+    else t = load_tuning_file(a.tuning);
+    const sorn_hp_params_t &p = t.params;
     LoadedLibrary l;
     open_library(l);
-    DesignView v = run_design(l, p, a.rate);
-    for (const std::string &w : v.warnings) warn(w);
+    DesignView v = run_design(l, p, a.rate, &t.target);
+    // An import chose its tables for what the taps achieve, fine steps included.
+    int fine = 0;
+    for (const std::string &w : v.warnings)
+        if (t.target.points.empty() || w.find("finer than the 513-tap filter resolves") == std::string::npos) warn(w);
+        else ++fine;
+    if (fine)
+        note(fmt("%d steps between close points are finer than the filter resolves; the import chose them for "
+                 "what the taps achieve against the target", fine));
     std::string error;
     std::vector<std::string> written;
     if (!a.taps.empty()) {
@@ -426,13 +452,13 @@ int cmd_design(const DesignArgs &a) {
     std::string plot_message;
     if (!a.plot.empty()) {
         PlotResult pr;
-        if (!plot_response(v, a.plot, plot_title(name, v), find_gnuplot(), pr, error)) failure(error);
+        if (!plot_response(v, a.plot, plot_title(name, v, &t.target), find_gnuplot(), pr, error)) failure(error);
         if (pr.rendered)
             written.push_back(a.plot);
         else
             plot_message = pr.message;
     }
-    std::string s = design_summary(v, name);
+    std::string s = design_summary(v, name, &t.target);
     for (const std::string &w : written) s += "  wrote " + w + "\n";
     say(s);
     if (!plot_message.empty()) note(plot_message);
@@ -517,6 +543,86 @@ int cmd_import(const ImportArgs &a) {
     return 0;
 }
 
+/* ---- import ------------------------------------------------------------------------------ */
+
+void set_log_level();
+
+struct ImportAnyArgs {
+    std::string file, out;
+    int rate = 48000;
+    bool surround = false;
+};
+
+std::string base_name(const std::string &path) {
+    auto slash = path.find_last_of('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+int cmd_import_any(const ImportAnyArgs &a) {
+    if (!effect_rate_supported(a.rate))
+        usage_error("--rate " + std::to_string(a.rate) + ": the effect designs only for 44050 to 48050 Hz");
+    check_outputs({a.out}, {a.file});
+    ImportedCurve c = eq_import_parse(read_file(a.file), a.file);
+    if (!c.ok) failure(c.error);
+    for (const std::string &n : c.notes) note(n);
+
+    LoadedLibrary l;
+    open_library(l);
+    Interpolant interp;
+    Designer designer;
+    std::string error;
+    const std::vector<double> grid = fit_grid_hz(a.rate);
+    const std::vector<double> target = eq_import_on_grid(c, grid, a.rate);
+    const std::clock_t start = std::clock();
+    FitResult fit;
+    {
+        StdoutMuffle muffle(!g_opt.verbose);
+        if (!interpolant_from_library(l.lib, interp, error) || !designer_open(l.lib, a.rate, designer, error)) {
+            designer_close(designer);
+            failure(error);
+        }
+        // The library logs every design; thousands of trial designs would bury the one that
+        // counts, so under -v only the chosen tables' design is logged.
+        __android_log_set_minimum_priority(ANDROID_LOG_SILENT);
+        fit = eq_fit(designer, interp, grid, target);
+        set_log_level();
+        if (g_opt.verbose) {
+            note(fmt("the library's log of the fit's %d trial designs is left out; the chosen tables' design follows",
+                     fit.designs));
+            int32_t taps[513];
+            designer_taps(designer, fit.params, taps);
+        }
+        designer_close(designer);
+    }
+    const double seconds = double(std::clock() - start) / CLOCKS_PER_SEC;
+    fit.params.ss = a.surround ? 1 : 0;
+    TuningTarget kept{base_name(a.file), fit.level_offset_db, {}};
+    for (size_t i = 0; i < grid.size(); ++i) kept.points.push_back({grid[i], target[i]});
+    const std::string json = tuning_to_json(fit.params, &kept);
+    // The block must come back unchanged from the file: a fit that could not would be a bug.
+    TuningResult again = tuning_from_json(json, a.out);
+    if (!again.ok || params_to_bytes(again.params) != params_to_bytes(fit.params))
+        failure("the fitted tables do not survive their own tuning file: " + again.error);
+    write_file(a.out, json.data(), json.size());
+
+    std::ostringstream o;
+    o << "sorn-hp import: " << a.file << " -> " << a.out << "\n";
+    o << "  read          " << c.format << "\n";
+    for (const std::string &r : c.read) o << "                " << r << "\n";
+    o << fmt("  fitted        lc 12, hp 12, ea 8 points, judged by the library's own design at %d Hz\n"
+             "                (%d designs, %.1f s of processor time)\n", a.rate, fit.designs, seconds);
+    o << fmt("  level offset  %+.2f dB (the correction plays that much louder than published;\n"
+             "                the effect's loudness stage follows the filter)\n", fit.level_offset_db);
+    o << fmt("  achieved      vs target, 20 Hz to %.0f Hz: RMS %.2f dB, largest %.2f dB at %.0f Hz\n",
+             grid.back(), fit.rms_db, fit.max_db, fit.max_hz);
+    o << fmt("  error from    the -6..+7 dB window %.2f dB, detail finer than the filter resolves\n"
+             "                (about %.0f Hz) %.2f dB, the tables (32 points, whole dB and Hz) %.2f dB\n"
+             "                (RMS parts; their squares add up to the total's)\n",
+             fit.window_db, a.rate / 513.0, fit.resolution_db, fit.table_db);
+    say(o.str());
+    return 0;
+}
+
 /* ---- info ---------------------------------------------------------------------------------- */
 
 int cmd_info() {
@@ -595,15 +701,16 @@ int cmd_demo(const std::string &dir) {
 
 /* ---- command line ------------------------------------------------------------------------- */
 
-void set_log_level() {
-    __android_log_set_minimum_priority(g_opt.verbose ? ANDROID_LOG_DEBUG
-                                       : g_opt.quiet ? ANDROID_LOG_ERROR
-                                                     : ANDROID_LOG_WARN);
-}
+/* The library logs through the same liblog as the tool (its minimum priority is process-wide):
+   its lines reach standard error only with -v. */
+void set_log_level() { __android_log_set_minimum_priority(g_opt.verbose ? ANDROID_LOG_DEBUG : ANDROID_LOG_SILENT); }
 
 }  // namespace
 
 int main(int argc, char **argv) {
+    // Whole lines on standard output, so that it never interleaves with standard error mid-line
+    // when both go to one file or pipe.
+    std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
     CLI::App app{"sorn-hp: run, design and tune the SORN HP headphone effect on a workstation"};
     app.fallthrough();
     app.require_subcommand(1);
@@ -654,6 +761,16 @@ int main(int argc, char **argv) {
     c_params->add_flag("--decode", params.decode, "Read a parameter block and write its tuning");
     c_params->footer("Example:\n  sorn-hp params my.json -o my.bin\n  sorn-hp params --decode captured.bin -o captured.json\n");
 
+    ImportAnyArgs import_any;
+    auto *c_import_any = app.add_subcommand(
+        "import", "Fit a published correction (GraphicEQ, parametric list, EqualizerAPO config, CSV) into a tuning");
+    c_import_any->add_option("FILE", import_any.file, "Correction file")->required();
+    c_import_any->add_option("-o,--output", import_any.out, "Tuning file to write")->required();
+    c_import_any->add_option("--rate", import_any.rate, "Sample rate the fit designs at")->capture_default_str();
+    c_import_any->add_flag("--surround", import_any.surround, "Turn the stereo surround on");
+    c_import_any->footer("Example:\n  sorn-hp import 'Sennheiser HD 650 ParametricEQ.txt' -o hd650.json\n"
+                         "  sorn-hp design hd650.json --plot hd650.png\n");
+
     ImportArgs import;
     auto *c_import = app.add_subcommand("import-graphiceq", "Fit a \"GraphicEQ: f g; ...\" text into a tuning group");
     c_import->add_option("FILE", import.file, "GraphicEQ text file")->required();
@@ -686,6 +803,7 @@ int main(int argc, char **argv) {
         if (c_design->parsed()) return cmd_design(design);
         if (c_params->parsed()) return cmd_params(params);
         if (c_import->parsed()) return cmd_import(import);
+        if (c_import_any->parsed()) return cmd_import_any(import_any);
         if (c_info->parsed()) return cmd_info();
     } catch (const Exit &e) {
         std::fprintf(stderr, "sorn-hp: error: %s\n", e.message.c_str());

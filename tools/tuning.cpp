@@ -4,6 +4,7 @@
 #include <cctype>
 #include <cerrno>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <limits>
@@ -268,21 +269,46 @@ struct DuplicateKeyFinder {
     }
 };
 
+double real_number(const json &v, const std::string &field) {
+    if (!v.is_number() || !std::isfinite(v.get<double>())) fail(field, "must be a number, not " + describe(v));
+    return v.get<double>();
+}
+
+void read_target(const json &v, TuningTarget &t) {
+    if (!v.is_object() || !v.contains("points") || !v.at("points").is_array())
+        fail("target", "must be an object with \"points\" ([Hz, dB] pairs)");
+    if (v.contains("source")) {
+        if (!v.at("source").is_string()) fail("target.source", "must be a string");
+        t.source = v.at("source").get<std::string>();
+    }
+    if (v.contains("level_offset_db")) t.level_offset_db = real_number(v.at("level_offset_db"), "target.level_offset_db");
+    const json &pts = v.at("points");
+    for (size_t i = 0; i < pts.size(); ++i) {
+        std::string where = "target.points: point " + std::to_string(i + 1);
+        if (!pts[i].is_array() || pts[i].size() != 2) fail(where, "must be a pair [frequency Hz, gain dB]");
+        CurvePoint c{real_number(pts[i][0], where), real_number(pts[i][1], where)};
+        if (c.freq_hz <= 0.0 || (!t.points.empty() && c.freq_hz <= t.points.back().freq_hz))
+            fail(where, "frequencies must be above 0 Hz and increasing");
+        t.points.push_back(c);
+    }
+}
+
 void read_tuning(const json &doc, const std::string &source, TuningResult &r) {
     if (!doc.is_object())
         fail("(top level)", "a tuning is a JSON object with \"lc\", \"hp\", \"ea\" and \"surround\"");
     for (auto it = doc.begin(); it != doc.end(); ++it) {
         const std::string &k = it.key();
         if (k != "lc" && k != "hp" && k != "ea" && k != "surround" && k != "reserved" &&
-            k != "description")
-            fail(k, "unknown key (a tuning has \"lc\", \"hp\", \"ea\", \"surround\", \"reserved\" "
-                    "and \"description\")");
+            k != "description" && k != "target")
+            fail(k, "unknown key (a tuning has \"lc\", \"hp\", \"ea\", \"surround\", \"reserved\", "
+                    "\"description\" and \"target\")");
     }
     for (Group g : kGroups)
         if (doc.contains(group_name(g))) read_group(doc.at(group_name(g)), g, source, r);
     if (doc.contains("surround")) r.params.ss = switch_word(doc.at("surround"), "surround");
     if (doc.contains("description") && !doc.at("description").is_string())
         fail("description", "must be a string");
+    if (doc.contains("target")) read_target(doc.at("target"), r.target);
     if (doc.contains("reserved")) {
         const json &v = doc.at("reserved");
         if (!v.is_array() || v.size() != 5) fail("reserved", "must be a list of 5 integers");
@@ -375,9 +401,20 @@ TuningResult tuning_load(const std::string &path) {
     return tuning_from_json(text.str(), path);
 }
 
-std::string tuning_to_json(const sorn_hp_params_t &p) {
+std::string tuning_to_json(const sorn_hp_params_t &p, const TuningTarget *target) {
     std::ostringstream o;
     o << "{\n";
+    if (target && !target->points.empty()) {
+        char buf[64];
+        std::snprintf(buf, sizeof buf, "%.2f", target->level_offset_db);
+        o << "  \"target\": {\n    \"source\": " << json(target->source).dump() << ",\n    \"level_offset_db\": "
+          << buf << ",\n    \"points\": [";
+        for (size_t i = 0; i < target->points.size(); ++i) {
+            std::snprintf(buf, sizeof buf, "[%.2f, %.2f]", target->points[i].freq_hz, target->points[i].gain_db);
+            o << (i % 6 == 0 ? "\n      " : " ") << buf << (i + 1 < target->points.size() ? "," : "");
+        }
+        o << "\n    ]\n  },\n";
+    }
     for (Group g : kGroups) write_group(o, p, g);
     bool reserved = std::any_of(std::begin(p.reserved), std::end(p.reserved), [](int32_t v) { return v != 0; });
     if (reserved) {

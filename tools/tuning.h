@@ -4,7 +4,9 @@
  *
  * A tuning holds one object per group ("lc", "hp", "ea"), each with "enabled" and "points"
  * ([frequency Hz, gain dB] pairs), plus "surround" and, optionally, "reserved" (the block's five
- * unused words) and "description" (free text, not stored in the block). Missing groups are off.
+ * unused words), "description" (free text, not stored in the block) and "target" (the correction
+ * an import fitted the tables to, for `design` to show; not stored in the block either). Missing
+ * groups are off.
  *
  * Reading guarantees: either a complete block or one message "SOURCE: field: what is wrong";
  * never a partial block. An enabled group must have its points in strictly increasing order, in
@@ -49,17 +51,26 @@ struct CurvePoint {
     double gain_db;
 };
 
+/* The correction an import fitted to: its curve as read ([Hz, dB], increasing frequency), the
+   level offset the fit added to it, and where it came from. */
+struct TuningTarget {
+    std::string source;
+    double level_offset_db = 0.0;
+    std::vector<CurvePoint> points;
+};
+
 struct TuningResult {
     bool ok = false;
     std::string error;              /* when !ok: "SOURCE: field: what is wrong" */
     std::vector<std::string> notes; /* things done on the reader's behalf, e.g. resampling */
     sorn_hp_params_t params{};
+    TuningTarget target; /* no points when the file has none */
 };
 
 /* `source` names the file in messages. */
 TuningResult tuning_from_json(const std::string &text, const std::string &source);
 TuningResult tuning_load(const std::string &path);
-std::string tuning_to_json(const sorn_hp_params_t &p);
+std::string tuning_to_json(const sorn_hp_params_t &p, const TuningTarget *target = nullptr);
 
 std::array<uint8_t, kParamsBytes> params_to_bytes(const sorn_hp_params_t &p);
 sorn_hp_params_t params_from_bytes(const uint8_t *bytes); /* kParamsBytes bytes */
