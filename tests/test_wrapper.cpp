@@ -108,7 +108,8 @@ TEST(WrapperInit, AcceptsTwoChannelsAt44050To48050HzOnlyAndPassesAudioOtherwise)
 }
 
 // Output is the chain's output one block less one frame later, for callbacks of any sizes, at
-// both block lengths, with a reset between two blocks (the chain is reset there too).
+// both block lengths, with a reset between two blocks (the chain is reset there too). The 16-bit
+// rings and conversions are checked value by value in the format test.
 TEST(WrapperFraming, ChainOutputOneBlockLessOneFrameLaterForAnyCallbacksAcrossAReset) {
     std::mt19937 rng(3);
     std::vector<std::size_t> mix(40);
@@ -134,15 +135,6 @@ TEST(WrapperFraming, ChainOutputOneBlockLessOneFrameLaterForAnyCallbacksAcrossAR
             EXPECT_EQ(first_difference(head, want), frames) << rate << " Hz, callbacks of " << sizes[0];
         }
     }
-    // 16-bit samples, framed in rings of their own width, come out alike for any callbacks.
-    const Samples in = noise(4800, 1 << 21, 2);
-    std::vector<int16_t> in16(in.size());
-    std::transform(in.begin(), in.end(), in16.begin(), [](int32_t x) { return static_cast<int16_t>(x >> 8); });
-    Wrapper a(48000, 1), b(48000, 1);
-    a.set(1, 1), b.set(1, 1);
-    const auto out16 = a.run(in16, {1});
-    EXPECT_EQ(out16, b.run(in16, mix));
-    EXPECT_NE(out16, in16);
 }
 
 TEST(WrapperFormats, ConvertOnEntryAndExitAndLeaveATrailingPartialFrameAlone) {
