@@ -25,8 +25,7 @@ struct ChainCompressor {
     /* Runs `l` in place through both channels block by block; returns the left output. */
     Samples run(Samples l) {
         Samples r = l;
-        for (size_t i = 0; i < l.size(); i += kBlock)
-            compressor_process(&c, &l[i], &r[i], &l[i], &r[i], kBlock);
+        for (size_t i = 0; i < l.size(); i += kBlock) compressor_process(&c, &l[i], &r[i], &l[i], &r[i], kBlock);
         EXPECT_EQ(l, r);
         return l;
     }
@@ -51,7 +50,7 @@ Samples gain_trace(int from, int b, int volume, int n) {
     return cc.drc(Samples(n, 131072));
 }
 
-TEST(Compressor, OutputIsSilentForTwoBlocksThenFadesInAndSettles) {
+TEST(Compressor, SilentForTwoBlocksFadesInSettlesAndReducesLoudAudioBeforeItLeaves) {
     ChainCompressor cc;
     const Samples out = cc.run(Samples(kBlock * 80, 838860)); /* 0.1 of full scale */
     for (int i = 0; i < 480; ++i) ASSERT_EQ(out[i], 0) << i;
@@ -60,20 +59,14 @@ TEST(Compressor, OutputIsSilentForTwoBlocksThenFadesInAndSettles) {
     /* The volume step halves toward 8192 in Q13 and stops at 8191: gain 131056. */
     EXPECT_EQ(cc.d().gain, 131056);
     EXPECT_EQ(out.back(), (838860LL * 131056) >> 17);
-}
-
-TEST(Compressor, LoudAudioIsReducedBeforeItLeavesTheDelay) {
-    ChainCompressor cc;
-    cc.run(Samples(kBlock * 40, 838860)); /* gain near unity */
-    const Samples loud(kBlock, 8304721);
-    cc.run(loud);
     /* Worked example: peak 8304721 -> level 32440 -> target 120224, lowering the gain in the
        very block it arrives in. */
+    const Samples loud(kBlock, 8304721);
+    cc.run(loud);
     EXPECT_EQ(cc.d().gain_history[1], 120224);
     EXPECT_EQ(cc.d().gain, 120224);
     cc.run(loud);
     EXPECT_EQ(cc.run(loud)[0], (8304721LL * 120224) >> 17); /* 0.908 of full scale */
-
     /* A level of exactly the threshold is not reduced; one step above it is. */
     for (int extra : {0, 256}) {
         ChainCompressor fresh;
@@ -94,11 +87,9 @@ TEST(Compressor, GainSmoothingFollowsTheShiftTables) {
     }
     /* At low gains the table term sets the first step. Release shifts 6..11 over distances
        1000..32000 all give 15; attack shifts 5, 6, 8, 9, 10 (there is no 7). */
-    for (int d : {1000, 2000, 4000, 8000, 16000, 32000})
-        EXPECT_EQ(gain_trace(1000, 1000 + d, 8192, 1)[0], 1015) << d;
+    for (int d : {1000, 2000, 4000, 8000, 16000, 32000}) EXPECT_EQ(gain_trace(1000, 1000 + d, 8192, 1)[0], 1015) << d;
     const int attack[] = {1000, 2000, 4000, 8000, 16000}, step[] = {31, 31, 15, 15, 15};
-    for (int i = 0; i < 5; ++i)
-        EXPECT_EQ(gain_trace(1000 + attack[i], 1000, 8192, 1)[0], 1000 + attack[i] - step[i]);
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(gain_trace(1000 + attack[i], 1000, 8192, 1)[0], 1000 + attack[i] - step[i]);
 }
 
 TEST(Compressor, GateActsOnDigitalSilenceOnly) {
@@ -111,17 +102,13 @@ TEST(Compressor, GateActsOnDigitalSilenceOnly) {
     cc.run(Samples(kBlock * 60, 1)); /* the mean envelope falls to 1 of the floor 2: half-way */
     EXPECT_EQ(d.avg_env, 1);
     EXPECT_EQ(d.gate_gain, 4096 * 16);
-
     /* Closing moves 1/32 of the distance per sample, opening 1/8. */
-    d.gate_gain = 131072;
-    d.avg_env = 0;
+    d.gate_gain = 131072, d.avg_env = 0;
     cc.drc({0});
     EXPECT_EQ(d.gate_gain, 131072 - (131072 - 24576) / 32);
-    d.gate_gain = 24576;
-    d.avg_env = 100;
+    d.gate_gain = 24576, d.avg_env = 100;
     cc.drc({0});
     EXPECT_EQ(d.gate_gain, 24576 + (131072 - 24576) / 8);
-
     /* An envelope at half a large threshold gives a gate of 0.5: avg_env x 8192 is wide. */
     dynamic_range_control_set_denoise_threshold(&d, 1 << 28);
     d.avg_env = 1 << 27;
@@ -129,67 +116,53 @@ TEST(Compressor, GateActsOnDigitalSilenceOnly) {
     EXPECT_EQ(d.gate_gain, 65536);
 }
 
-TEST(Compressor, ZeroFramesAdvanceTheEnvelopes) {
+TEST(DynamicRangeControl, EdgesOfTheArithmeticAndTheDelay) {
     ChainCompressor cc;
     dynamic_range_control_t &d = cc.d();
-    cc.run(Samples(kBlock * 4, 8304721));
+    cc.run(Samples(kBlock * 4, 8304721)); /* zero frames still advance the envelopes */
     const int avg = d.avg_env, peak = d.peak_env, newest = d.gain_history[1];
     int sentinel = 12345;
     dynamic_range_control_process(&d, &sentinel, &sentinel, 0);
     EXPECT_EQ(sentinel, 12345);
-    EXPECT_EQ(d.avg_env, avg + ((0 - avg) >> 5));
-    EXPECT_EQ(d.peak_env, peak - peak / 128);
-    EXPECT_EQ(d.gain_history[0], newest);
-    EXPECT_NE(d.gain_history[1], newest);
-}
+    EXPECT_TRUE(d.avg_env == avg + ((0 - avg) >> 5) && d.peak_env == peak - peak / 128);
+    EXPECT_TRUE(d.gain_history[0] == newest && d.gain_history[1] != newest);
 
-TEST(DynamicRangeControl, OutputRoundingSaturationLevelsAndDelayLengths) {
-    ChainCompressor cc;
-    dynamic_range_control_t &d = cc.d();
     audio_delay_set_delay(d.delay, 0);
     d.gate_gain = 131072;
     d.avg_env = 1000;
     d.gain = d.gain_history[0] = d.gain_history[1] = 65536;
     EXPECT_EQ(cc.drc({-1, -2, -3, -4, 1}), (Samples{0, 0, -2, -2, 0})); /* -1 is written as 0 */
-
     dynamic_range_control_set_volume(&d, 32768); /* gain far above unity: saturates */
     d.threshold = INT_MAX;
     d.gain_history[0] = d.gain_history[1] = 32768 * 16;
-    const Samples rails = cc.drc({1 << 30, -(1 << 30)});
-    EXPECT_TRUE(rails[0] == INT_MAX && rails[1] == INT_MIN);
+    EXPECT_EQ(cc.drc({1 << 30, -(1 << 30)}), (Samples{INT_MAX, INT_MIN}));
     dynamic_range_control_set_threshold(&d, -1); /* acts as 0, never divides by 0 */
-    for (int peak : {0, 5}) {
-        d.peak_env = peak;
-        cc.drc({0});
-    }
+    for (int p : {0, 5}) d.peak_env = p, cc.drc({0});
     EXPECT_EQ(d.gain_history[1], 0);
 
-    int avg = -1;
+    int mean = -1;
     Samples s = {8304721, -5, INT_MIN, 3};
-    EXPECT_EQ(find_current_max_drc(s.data(), &avg, 4), 32440); /* -2^31 never wins */
-    EXPECT_EQ(avg, (8304721LL + 5 + 2147483648LL + 3) / 4);
+    EXPECT_EQ(find_current_max_drc(s.data(), &mean, 4), 32440); /* -2^31 never wins */
+    EXPECT_EQ(mean, (8304721LL + 5 + 2147483648LL + 3) / 4);
     s.assign(4, INT_MIN);
-    find_current_max_drc(s.data(), &avg, 4);
-    EXPECT_EQ(avg, INT_MAX); /* 2^31 saturates rather than turning negative */
+    find_current_max_drc(s.data(), &mean, 4);
+    EXPECT_EQ(mean, INT_MAX); /* 2^31 saturates rather than turning negative */
 
     const int rates[] = {0, 1, 2, 3, 9}, lengths[] = {440, 480, 960, 1920, 480};
     for (int i = 0; i < 5; ++i) {
         compressor_set_sample_rate(&cc.c, rates[i]);
         EXPECT_EQ(d.delay->length, lengths[i]) << rates[i];
     }
-}
-
-TEST(AudioDelay, DelaysInOrderAndClampsItsLength) {
-    audio_delay d{};
-    audio_delay_init(&d, 4);
+    audio_delay line{};
+    audio_delay_init(&line, 4);
     Samples got;
-    for (int x = 1; x <= 6; ++x) got.push_back(audio_delay_process(&d, x));
+    for (int x = 1; x <= 6; ++x) got.push_back(audio_delay_process(&line, x));
     EXPECT_EQ(got, (Samples{0, 0, 0, 0, 1, 2}));
-    audio_delay_set_delay(&d, 9);
-    EXPECT_EQ(d.length, 4);
-    audio_delay_reinit(&d, -3);
-    EXPECT_EQ(d.length, 0);
-    audio_delay_end(&d);
+    audio_delay_end(&line);
+    audio_delay_set_delay(d.delay, 1 << 20);
+    EXPECT_EQ(d.delay->length, d.delay->capacity);
+    audio_delay_reinit(d.delay, -3);
+    EXPECT_EQ(d.delay->length, 0);
 }
 
 }  // namespace

@@ -5,42 +5,38 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <tuple>
 #include <vector>
 
 namespace {
 
-TEST(FixedPointFunctions, ExpAgainstReferencesAndTheTrueFunction) {
-    /* Multiples of ln 2 land exactly on powers of two. */
+// Against the true functions over their whole domains; exact where the documented values fall
+// on powers of two; out of range, exp saturates above and halves per ln 2 below, log treats 0 as
+// the smallest input, and the root is widened above 65535.
+TEST(FixedPointFunctions, ExpLogAndSqrtAgainstTheTrueFunctions) {
     const int32_t x[] = {0, 45426, 90852, 181704, 363409}, times[] = {1, 2, 4, 16, 256};
     for (int i = 0; i < 5; ++i) EXPECT_EQ(exp_fixed(x[i]), 65536 * times[i]);
     for (int32_t v = 0; v < 681391; ++v) {
         const double truth = 65536.0 * std::exp(v / 65536.0);
         ASSERT_LT(std::fabs(exp_fixed(v) - truth) / truth, 1e-4) << v;
     }
-    /* Outside the range: saturates above, halves per ln 2 below, reaches 0 far below. */
     EXPECT_EQ(exp_fixed(681391), INT_MAX);
     EXPECT_EQ(exp_fixed(-45426), 32768);
     EXPECT_NEAR(exp_fixed(-65536), 65536.0 * std::exp(-1.0), 3.0);
     EXPECT_EQ(exp_fixed(INT_MIN), 0);
-}
 
-TEST(FixedPointFunctions, LogAgainstReferencesAndTheTrueFunction) {
     EXPECT_EQ(log_fixed(65536), 0);
     EXPECT_EQ(log_fixed(131072), 45426);
     EXPECT_EQ(log_fixed(INT_MAX), 681391);
-    /* Every input up to 2^20, then a geometric sweep to the top. */
-    for (int64_t x = 1; x <= INT_MAX; x += (x < (1 << 20)) ? 1 : x / 4099)
-        ASSERT_NEAR(log_fixed(static_cast<int32_t>(x)), 65536.0 * std::log(x / 65536.0), 3.5)
-            << x;
-    EXPECT_EQ(log_fixed(0), log_fixed(1)); /* no logarithm: treated as the smallest input */
-}
+    for (int64_t v = 1; v <= INT_MAX; v += (v < (1 << 20)) ? 1 : v / 4099)  // all to 2^20, then geometric
+        ASSERT_NEAR(log_fixed(static_cast<int32_t>(v)), 65536.0 * std::log(v / 65536.0), 3.5) << v;
+    EXPECT_EQ(log_fixed(0), log_fixed(1));
 
-TEST(FixedPointFunctions, SqrtIsTheFloorRoot) {
-    for (uint32_t x = 0; x <= 65535; ++x) {
-        const uint32_t r = sqrt_fixed(x);
-        ASSERT_TRUE(r * r <= x && (r + 1) * (r + 1) > x) << x;
+    for (uint32_t v = 0; v <= 65535; ++v) {
+        const uint32_t r = sqrt_fixed(v);
+        ASSERT_TRUE(r * r <= v && (r + 1) * (r + 1) > v) << v;
     }
-    EXPECT_EQ(sqrt_fixed(65536), 256u); /* widened above 65535 */
+    EXPECT_EQ(sqrt_fixed(65536), 256u);
     EXPECT_EQ(sqrt_fixed(UINT32_MAX), 65535u);
 }
 
@@ -52,8 +48,7 @@ TEST(SmoothVolume, FadesInLandsOnTheTargetAndSaturates) {
         smooth_volume_init(&sv);
         smooth_volume_set_smooth_buffer_num(&sv, num);
         smooth_volume_process(&sv, in1.data(), in2.data(), out1.data(), out2.data(), n);
-        return std::find_if(out1.begin(), out1.end(), [](int v) { return v >= 1 << 19; }) -
-               out1.begin();
+        return std::find_if(out1.begin(), out1.end(), [](int v) { return v >= 1 << 19; }) - out1.begin();
     };
     const auto normal = half_way(2);
     EXPECT_EQ(out1[0], 0);
@@ -69,48 +64,45 @@ TEST(SmoothVolume, FadesInLandsOnTheTargetAndSaturates) {
     EXPECT_GT(half_way(4), normal);
     half_way(-10); /* clamped so the shift s - 2 stays defined */
     EXPECT_EQ(sv.smooth_shift, 2);
-
     smooth_volume_set_volume(&sv, 2048);
     smooth_volume_reset(&sv);
     EXPECT_EQ(sv.current, 6144);
-
     smooth_volume_set_soft_volume(&sv, 4 * 8192);
     smooth_volume_set_volume(&sv, 4 * 8192);
     int a = 1 << 30, b = INT_MIN;
     smooth_volume_process(&sv, &a, &b, &a, &b, 1);
-    EXPECT_EQ(a, INT_MAX);
-    EXPECT_EQ(b, INT_MIN);
+    EXPECT_TRUE(a == INT_MAX && b == INT_MIN);
 }
 
+// Q28 products (tiny ones round toward minus infinity), wrapping sums, and the power with its
+// arithmetic part shifts and logical final shift.
 TEST(Complex, Q28ArithmeticAndPower) {
     const int one = 1 << 28;
     complex64_t a, b, out;
+    auto is = [&](const complex64_t &c, int64_t re, int64_t im) { return c.re == re && c.im == im; };
     complex_init(&a, one / 2, one / 2);
     complex_setvalue(&b, one / 2, -one / 2);
-    complex_mul(&a, &b, &out); /* (0.5 + 0.5i)(0.5 - 0.5i) = 0.5 */
-    EXPECT_TRUE(out.re == one / 2 && out.im == 0);
+    complex_mul(&a, &b, &out);
+    EXPECT_TRUE(is(out, one / 2, 0));
     complex_setvalue(&a, 0, one);
     complex_mul(&a, &a, &a); /* i * i, written over its operand */
-    EXPECT_TRUE(a.re == -one && a.im == 0);
+    EXPECT_TRUE(is(a, -one, 0));
     complex_setvalue(&a, -3, 1);
     complex_setvalue(&b, 0, 1);
-    complex_mul(&a, &b, &out); /* tiny products round toward minus infinity */
-    EXPECT_TRUE(out.re == -1 && out.im == -1);
-
-    complex_setvalue(&a, 10, -1); /* sign-extended */
+    complex_mul(&a, &b, &out);
+    EXPECT_TRUE(is(out, -1, -1));
+    complex_setvalue(&a, 10, -1);
     complex_setvalue(&b, 3, 4);
     complex_sub(&a, &b, &out);
-    EXPECT_TRUE(out.re == 7 && out.im == -5);
+    EXPECT_TRUE(is(out, 7, -5));
     a.re = INT64_MAX;
-    complex_add(&a, &b, &out); /* wraps without undefined behaviour */
+    complex_add(&a, &b, &out);
     EXPECT_EQ(out.re, INT64_MIN + 2);
-
-    complex_setvalue(&a, one, one); /* (2^15)^2 * 2 >> 10 */
-    EXPECT_EQ(complex_getpower(&a), int64_t{1} << 21);
-    complex_setvalue(&a, -(1 << 23), 0); /* the parts shift arithmetically: -1024 */
-    EXPECT_EQ(complex_getpower(&a), 1024);
-    a.re = a.im = -(int64_t{1} << 44); /* a sum of 2^63: the last shift is logical */
-    EXPECT_EQ(complex_getpower(&a), int64_t{1} << 53);
+    for (auto [re, im, power] : {std::tuple{int64_t{one}, int64_t{one}, int64_t{1} << 21}, {-(1 << 23), 0, 1024},
+                                 {-(int64_t{1} << 44), -(int64_t{1} << 44), int64_t{1} << 53}}) {
+        a.re = re, a.im = im;
+        EXPECT_EQ(complex_getpower(&a), power) << re;
+    }
 }
 
 }  // namespace

@@ -12,11 +12,12 @@
 namespace {
 
 constexpr int kN = 1024;
+using Samples = std::vector<int>;
 
 struct Filter {
     orla_fir_t fir{};
     int block;
-    explicit Filter(std::vector<int> taps, SampleRateType rate = SAMPLE_RATE_TYPE_48K) {
+    explicit Filter(Samples taps, SampleRateType rate = SAMPLE_RATE_TYPE_48K) {
         fir_init(&fir, kN, 784);
         fir_set_sample_rate(&fir, rate);
         block = kN - fir.in_offset;
@@ -26,21 +27,11 @@ struct Filter {
         fir.status = 1;
     }
     ~Filter() { fir_end(&fir); }
-    std::vector<int> run(std::vector<int> x) {  // whole blocks, in place
-        for (size_t at = 0; at + block <= x.size(); at += block) {
-            fir_process(&fir, &x[at], &x[at], block);
-        }
+    Samples run(Samples x) {  // whole blocks, in place
+        for (size_t at = 0; at + block <= x.size(); at += block) fir_process(&fir, &x[at], &x[at], block);
         return x;
     }
 };
-
-std::vector<int> noise(size_t n, unsigned seed) {
-    std::mt19937 gen(seed);
-    std::uniform_int_distribution<int> d(-(1 << 23), 1 << 23);
-    std::vector<int> v(n);
-    for (int &s : v) s = d(gen);
-    return v;
-}
 
 }  // namespace
 
@@ -52,12 +43,15 @@ std::vector<int> noise(size_t n, unsigned seed) {
 TEST(Fir, MatchesDirectConvolutionForDefaultUnitAndDelayTaps) {
     orla_earadapt_params_t params{};
     earadapt_params_fill_bypass(&params);
-    const std::vector<std::vector<int>> tap_sets = {
-        {params.coef_left, params.coef_left + ORLA_FIR_TAPS}, {8388608}, {0, 8388608}};
-    for (const std::vector<int> &taps : tap_sets) {
+    const std::vector<Samples> tap_sets = {{params.coef_left, params.coef_left + ORLA_FIR_TAPS}, {8388608}, {0, 8388608}};
+    std::mt19937 gen(7);
+    std::uniform_int_distribution<int> noise(-(1 << 23), 1 << 23);
+    for (const Samples &taps : tap_sets) {
         for (SampleRateType rate : {SAMPLE_RATE_TYPE_44K, SAMPLE_RATE_TYPE_48K, SAMPLE_RATE_TYPE_96K}) {
             Filter f(taps, rate);
-            const std::vector<int> x = noise(f.block * 8, 7), y = f.run(x);
+            Samples x(f.block * 8);
+            for (int &s : x) s = noise(gen);
+            const Samples y = f.run(x);
             double worst = 0;
             for (size_t t = 0; t < x.size(); ++t) {
                 double acc = 0;
@@ -69,50 +63,43 @@ TEST(Fir, MatchesDirectConvolutionForDefaultUnitAndDelayTaps) {
     }
 }
 
-TEST(Fir, OffStateKeepsTheHistoryAndNewTapsClearIt) {
+// Off: nothing written, the history stays (the skipped block never enters the frame). New taps
+// clear the history; no taps give silence; sums saturate; block lengths follow the rate class;
+// refused lengths and tap counts beyond N touch nothing outside.
+TEST(Fir, OffStateTapUpdatesSaturationAndRefusedCalls) {
     Filter f({0, 8388608});
-    std::vector<int> other(f.block, 2000), out(f.block, -7);
-    f.run(std::vector<int>(f.block, 1000));
+    Samples other(f.block, 2000), out(f.block, -7);
+    f.run(Samples(f.block, 1000));
     fir_set_status(&f.fir, 0);
     fir_process(&f.fir, other.data(), out.data(), f.block);
-    EXPECT_EQ(out, std::vector<int>(f.block, -7));
+    EXPECT_EQ(out, Samples(f.block, -7));
     fir_set_status(&f.fir, 1);
-    EXPECT_NEAR(f.run(other)[0], 1000, 1);  // the skipped block never entered the frame
-
-    std::vector<int> taps(ORLA_FIR_TAPS, 0);
+    EXPECT_NEAR(f.run(other)[0], 1000, 1);
+    Samples taps(ORLA_FIR_TAPS, 0);
     taps[1] = 8388608;
     EXPECT_EQ(fir_set_param(&f.fir, ORLA_FIR_TAPS, taps.data()), 0);  // the same taps
-    taps[512] = 5;
+    taps[0] = 2 * 8388608;
     EXPECT_EQ(fir_set_param(&f.fir, 0, taps.data()), 0);
     EXPECT_EQ(fir_set_param(&f.fir, ORLA_FIR_TAPS, taps.data()), 1);
     fir_update_param(&f.fir, ORLA_FIR_TAPS);
-    EXPECT_EQ(f.run(std::vector<int>(f.block, 0))[0], 0);  // the 2000s before are forgotten
-}
+    EXPECT_EQ(f.run(Samples(f.block, 0))[0], 0);  // the 2000s before are forgotten
+    fir_update_param(&f.fir, 1);  // gain 2 on the newest sample alone
+    Samples x(f.block);
+    for (int i = 0; i < f.block; ++i) x[i] = (i % 2) ? INT_MIN : INT_MAX - i;
+    const Samples y = f.run(x);
+    for (int i = 0; i < f.block; ++i) ASSERT_EQ(y[i], (i % 2) ? INT_MIN : INT_MAX) << i;
+    fir_update_param(&f.fir, 0);
+    EXPECT_EQ(f.run(x), Samples(f.block, 0));
 
-TEST(Fir, SaturationAndSilence) {
-    Filter twice({2 * 8388608});
-    std::vector<int> x(twice.block);
-    for (int i = 0; i < twice.block; ++i) x[i] = (i % 2) ? INT_MIN : INT_MAX - i;
-    const std::vector<int> y = twice.run(x);
-    for (int i = 0; i < twice.block; ++i) ASSERT_EQ(y[i], (i % 2) ? INT_MIN : INT_MAX) << i;
-
-    fir_update_param(&twice.fir, 0);  // no taps: silence while on
-    EXPECT_EQ(twice.run(x), std::vector<int>(twice.block, 0));
-}
-
-TEST(Fir, OffsetsAndRefusedCalls) {
-    Filter f({8388608});
     for (auto [rate, offset] : {std::pair{0, 804}, {1, 784}, {2, 544}, {3, 784}, {7, 784}}) {
         fir_set_sample_rate(&f.fir, rate);
         EXPECT_EQ(f.fir.in_offset, offset) << "rate class " << rate;
     }
     fir_set_sample_rate(&f.fir, SAMPLE_RATE_TYPE_48K);
-    std::vector<int> in(kN, 9), out(kN, -1);
-    for (int n : {0, -3, 241}) fir_process(&f.fir, in.data(), out.data(), n);
-    EXPECT_EQ(out, std::vector<int>(kN, -1));
-
-    // Tap counts beyond N are clamped: N taps stored, nothing written past N.
-    std::vector<int> many(kN + 8, 3), got(kN + 8, -1);
+    Samples in(kN, 9), untouched(kN, -1);
+    for (int n : {0, -3, 241}) fir_process(&f.fir, in.data(), untouched.data(), n);
+    EXPECT_EQ(untouched, Samples(kN, -1));
+    Samples many(kN + 8, 3), got(kN + 8, -1);
     EXPECT_EQ(fir_set_param(&f.fir, kN + 8, many.data()), 1);
     fir_get_param(&f.fir, kN + 8, got.data());
     EXPECT_EQ(got[kN - 1], 3);

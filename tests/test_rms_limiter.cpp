@@ -17,27 +17,12 @@ namespace {
 using Plane = std::vector<int>;
 using Param = sa6_dynamic_processor_param_t;
 constexpr int kBlock = 240;
-const Param kLimiter = {1, 3, -13, 10, 2000, 2000, 1000, 100, 1000, 100, -9, 0, 0, 0.2f};
 
 std::string stdout_of(const std::function<void()> &fn) {
     testing::internal::CaptureStdout();
     fn();
     return testing::internal::GetCapturedStdout();
 }
-
-struct Limiter {
-    rms_limiter_t *lim = nullptr;
-    Limiter() {
-        stdout_of([&] { lim = static_cast<rms_limiter_t *>(rms_limiter_init(48000, 2)); });
-    }
-    ~Limiter() { rms_limiter_deinit(lim); }
-    Plane run(Plane l) {  // same audio on both planes; returns the left one
-        Plane r = l;
-        rms_limiter_process(lim, l.data(), r.data(), static_cast<int>(l.size()));
-        EXPECT_EQ(l, r);
-        return l;
-    }
-};
 
 /* Curve threshold -20 dB, ratio 4, knee width 10 dB; instant detector and ramps, no holds:
    one block shows the gain the curve asks for. */
@@ -50,43 +35,44 @@ sa6_dynamic_processor_t processor(Param p) {
     return st;
 }
 
-TEST(RmsLimiter, UnityGainMovesSamplesOneStepTowardZeroAndMonoIsRefused) {
-    sorn_test::LogCapture log;
-    EXPECT_EQ(rms_limiter_init(48000, 1), nullptr);
-    EXPECT_EQ(log.count("rms_limiter_init: chnnum 1 unsupported, need to be stereo", 6,
-                        "ORLA_SORN"), 1);
-    Limiter l;
-    Plane in = {1000, -1000, 1, -1, 8388608, -8388608, 0, 5000000, 8000000};
-    in.resize(kBlock);
-    const Plane out = l.run(in);
-    EXPECT_EQ(Plane(out.begin(), out.begin() + 9),
-              (Plane{999, -999, 0, 0, 8388607, -8388607, 0, 4999999, 7999999}));
-}
-
 Plane square(int amplitude) {
     Plane x(kBlock);
     for (int i = 0; i < kBlock; ++i) x[i] = i % 2 ? amplitude : -amplitude;
     return x;
 }
 
-TEST(RmsLimiter, QuietToneKeptLoudToneReducedAtMost9dBAfterTheHold) {
-    Limiter l;
-    const sa6_dynamic_processor_t &st = *l.lim->proc_left;
-    for (int block = 0; block < 6000; ++block) {  // 30 s at -20 dB RMS: never reduced
-        l.run(square(838861));
+// The chain's limiter, same audio on both planes: unity gain moves samples one step toward zero
+// (the way back scales by 2^23 - 1); a quiet tone is never reduced; a loud one is held for
+// 100 ms, then ramped by at most 1/48000 of the distance per sample down to the 9 dB floor.
+TEST(RmsLimiter, UnityStepQuietToneKeptLoudToneHeldThenRampedToThe9dBFloor) {
+    sorn_test::LogCapture log;
+    EXPECT_EQ(rms_limiter_init(48000, 1), nullptr);
+    EXPECT_EQ(log.count("rms_limiter_init: chnnum 1 unsupported, need to be stereo", 6, "ORLA_SORN"), 1);
+    rms_limiter_t *lim = nullptr;
+    stdout_of([&] { lim = static_cast<rms_limiter_t *>(rms_limiter_init(48000, 2)); });
+    auto run = [&](Plane l) {
+        Plane r = l;
+        rms_limiter_process(lim, l.data(), r.data(), kBlock);
+        EXPECT_EQ(l, r);
+        return l;
+    };
+    Plane in = {1000, -1000, 1, -1, 8388608, -8388608, 0, 5000000};
+    in.resize(kBlock);
+    const Plane out = run(in);
+    EXPECT_EQ(Plane(out.begin(), out.begin() + 8), (Plane{999, -999, 0, 0, 8388607, -8388607, 0, 4999999}));
+
+    const sa6_dynamic_processor_t &st = *lim->proc_left;
+    for (int block = 0; block < 6000; ++block) {  // 30 s at -20 dB RMS
+        run(square(838861));
         ASSERT_EQ(st.gain_current, 1.0f) << block;
     }
     const float floor_9db = powf(10.0f, -9.0f / 20.0f);
-    const Plane loud = square(5938679);  // -3 dB RMS
     int fell = -1;
-    for (int block = 0; block < 4000; ++block) {  // 20 s
-        const Plane y = l.run(loud);
+    for (int block = 0; block < 4000; ++block) {  // 20 s at -3 dB RMS
+        const Plane y = run(square(5938679));
         ASSERT_GE(st.gain_current, floor_9db * (1 - 1e-6f)) << block;
         if (fell < 0 && st.ramp_state == 1) fell = block;
         if (fell < 0 || block > fell + 20) continue;
-        // For 4800 samples from the block where the target first fell, each block keeps one
-        // gain (only moves under 0.002 are taken, at once); then the ramp, by at most 1/48000
-        // of the distance per sample.
         const int level = abs(y[0]);
         const bool flat = std::all_of(y.begin(), y.end(), [=](int v) { return abs(v) == level; });
         EXPECT_EQ(flat, block < fell + 20) << block - fell;
@@ -96,21 +82,19 @@ TEST(RmsLimiter, QuietToneKeptLoudToneReducedAtMost9dBAfterTheHold) {
         }
     }
     ASSERT_GE(fell, 0);
-    EXPECT_NEAR(st.gain_current, floor_9db, 1e-5);  // settled on the 9 dB floor
+    EXPECT_NEAR(st.gain_current, floor_9db, 1e-5);
+    rms_limiter_deinit(lim);
 }
 
 TEST(DynamicProcessor, ConfigurationAndItsStatusLines) {
     sa6_dynamic_processor_t st;
     sa6_dynamic_processor_init_f(&st);
-    Param p = kLimiter;
-    p.enable_flag = 7;
+    Param p = {7, 3, -13, 10, 2000, 2000, 1000, 100, 1000, 100, -9, 0, 0, 0.2f};
     EXPECT_EQ(stdout_of([&] { sa6_dynamic_processor_set_param_f(&st, &p); }),
               "[SA6_SBS]sa6_dynamic_processor_set_param_f:enable_flag is 7\n");
     EXPECT_NEAR(st.det_attack_coef, 0.0057399f, 1e-7f);
     EXPECT_FLOAT_EQ(st.knee_width, 5.2f);
-
-    int32_t q[14] = {1, 4, -425984, 131072, 3276800, 6553600, 32768, 0, 65536, 16384,
-                     -24576, 8192, 4096, 6554};
+    int32_t q[14] = {1, 4, -425984, 131072, 3276800, 6553600, 32768, 0, 65536, 16384, -24576, 8192, 4096, 6554};
     EXPECT_TRUE(stdout_of([&] { sa6_dynamic_processor_set_param_acdb_f(&st, q); })
                     .starts_with("[SA6_SBS]sa6_dynamic_processor_set_param_acdb_f:enable_flag "
                                  "is 1\n[SA6_SBS]type:4 threshold:-13.000000 ratio:4.000000 "));
@@ -120,37 +104,46 @@ TEST(DynamicProcessor, ConfigurationAndItsStatusLines) {
 /* The gain curve in dB, evaluated straight from its definition. */
 double curve_db(int type, double L, double T, double R, double W) {
     const double u = L - T, up = (u + W / 2) * (u + W / 2), down = (u - W / 2) * (u - W / 2);
-    if (type == 3 || type == 4) {
-        return 2 * u > W ? T + u / R - L : 2 * u > -W ? (1 / R - 1) * up / (2 * W) : 0;
-    }
-    if (type == 1 || type == 2) {
-        return 2 * u <= -W ? T + u / R - L : 2 * u <= W ? (1 - 1 / R) * down / (2 * W) : 0;
-    }
+    if (type == 3 || type == 4) return 2 * u > W ? T + u / R - L : 2 * u > -W ? (1 / R - 1) * up / (2 * W) : 0;
+    if (type == 1 || type == 2) return 2 * u <= -W ? T + u / R - L : 2 * u <= W ? (1 - 1 / R) * down / (2 * W) : 0;
     return 2 * u > W ? T - L : 2 * u > -W ? -up / (2 * W) : 0;
 }
 
-TEST(DynamicProcessor, GainFollowsTheCurveOfEveryKind) {
+// Every kind of curve, open and crossed limits (gain_min wins), blocks of any length: the
+// detected level, the gain and every output against the definitions, nothing written past n.
+TEST(DynamicProcessor, GainFollowsTheCurveOfEveryKindForAnyBlockLength) {
+    int n = 0;
     for (int type : {0, 1, 2, 3, 4, 9}) {
-        for (double level_db : {-40.0, -27.0, -23.0, -19.0, -16.0, -12.0, -3.0}) {
-            Param p = instant(type);
-            p.gain_makeup = 1.5f;
-            sa6_dynamic_processor_t st = processor(p);
-            // Every other sample at the level: the peak detector sees it, RMS 3 dB less.
-            const float a = static_cast<float>(pow(10.0, level_db / 20));
-            std::vector<float> x(16);
-            for (size_t i = 0; i < x.size(); i += 2) x[i] = a;
-            sa6_dynamic_processor_process_f(&st, x.data(), x.data(), 16);
-            const double level = (type == 1 || type == 3) ? a / sqrt(2.0) : a;
-            ASSERT_NEAR(st.det_level, level, level * 1e-6);
-            const double g = pow(10.0, (curve_db(type, 20 * log10(level), -20, 4, 10) + 1.5) / 20);
-            EXPECT_NEAR(st.gain_current, g, g * 2e-5) << type << " at " << level_db;
-            EXPECT_EQ(x[14], a * st.gain_current);
+        for (auto [lo, hi] : {std::pair{-100.0, 100.0}, {-3.0, -6.0}}) {
+            for (double level_db : {-40.0, -27.0, -23.0, -19.0, -16.0, -12.0, -3.0}) {
+                Param p = instant(type);
+                p.gain_makeup = 1.5f;
+                p.gain_min = float(lo), p.gain_max = float(hi);
+                sa6_dynamic_processor_t st = processor(p);
+                n = n % 9 + 1;
+                const float a = static_cast<float>(pow(10.0, level_db / 20));
+                std::vector<float> x(n + 1, 0.0f);
+                double sum = 0;
+                for (int i = 0; i < n; i += 2) x[i] = a, sum += double(a) * a;
+                x[n] = 123.0f;
+                sa6_dynamic_processor_process_f(&st, x.data(), x.data(), n);
+                const double level = (type == 1 || type == 3) ? sqrt(sum / n) : a;
+                ASSERT_NEAR(st.det_level, level, level * 1e-6);
+                const double g_db = std::max(std::min(curve_db(type, 20 * log10(level), -20, 4, 10), hi), lo);
+                const double g = pow(10.0, (g_db + 1.5) / 20);
+                EXPECT_NEAR(st.gain_current, g, g * 2e-5) << type << " at " << level_db << ", " << lo;
+                for (int i = 0; i < n; ++i) ASSERT_EQ(x[i], i % 2 ? 0.0f : a * st.gain_current);
+                EXPECT_EQ(x[n], 123.0f);
+                float peak, rms;
+                sa6_dynamic_processor_find_current_max_f(x.data(), &peak, &rms, n);
+                EXPECT_TRUE(peak == x[0] && std::abs(rms - sqrt(sum / n) * st.gain_current) < 1e-6 * a) << n;
+            }
         }
     }
 }
 
 TEST(DynamicProcessor, SnapsCloseTargetsAndHoldsBeforeFarOnes) {
-    sa6_dynamic_processor_t st = processor(kLimiter);
+    sa6_dynamic_processor_t st = processor({1, 3, -13, 10, 2000, 2000, 1000, 100, 1000, 100, -9, 0, 0, 0.2f});
     std::vector<float> x(1000, 0.001f), y(1000);  // far below the knee: target 1.0
     st.gain_current = 0.9985f;
     sa6_dynamic_processor_process_f(&st, x.data(), y.data(), 1000);
@@ -165,27 +158,6 @@ TEST(DynamicProcessor, SnapsCloseTargetsAndHoldsBeforeFarOnes) {
     EXPECT_EQ(st.hold_count, 0);
 }
 
-TEST(DynamicProcessor, CrossedLimitsAndAnyBlockLength) {
-    Param crossed = instant(3);
-    crossed.gain_min = -3;  // above gain_max: gain_min wins
-    crossed.gain_max = -6;
-    for (int n = 1; n <= 9; ++n) {
-        sa6_dynamic_processor_t st = processor(crossed);
-        std::vector<float> x(n + 1, 0.01f);
-        x[n] = 123.0f;  // just past the block
-        sa6_dynamic_processor_process_f(&st, x.data(), x.data(), n);
-        EXPECT_EQ(x[n], 123.0f);
-        EXPECT_EQ(st.gain_current, powf(10.0f, -3.0f / 20.0f));
-        for (int i = 0; i < n; ++i) EXPECT_EQ(x[i], 0.01f * st.gain_current) << n;
-        x.assign(n, 0.0f);
-        x.back() = 0.5f;  // the level of the block's last sample counts too
-        float peak, rms;
-        sa6_dynamic_processor_find_current_max_f(x.data(), &peak, &rms, n);
-        EXPECT_EQ(peak, 0.5f);
-        EXPECT_FLOAT_EQ(rms, sqrtf(0.25f / n));
-    }
-}
-
 TEST(DynamicProcessor, DivisorsNeverYieldAnInfiniteGain) {
     sorn_test::LogCapture log;
     sa6_dynamic_processor_t st = processor(instant(3));
@@ -197,7 +169,6 @@ TEST(DynamicProcessor, DivisorsNeverYieldAnInfiniteGain) {
     }
     EXPECT_EQ(0, memcmp(&before, &st, sizeof st));  // refused whole
     EXPECT_EQ(log.count_containing("unsupported, parameters unchanged"), 3);
-
     for (int type : {0, 1, 3}) {
         for (float knee : {0.0f, -1.0f}) {  // zero and negative knees, ramp and detector times
             Param p = instant(type);

@@ -1,5 +1,5 @@
-// Processing chain: creation, the rate class, the FIR record, reset, and the calls that must
-// change nothing. (What a chain does to a block is the reference of the wrapper tests.)
+// Processing chain: creation and the rate class, the FIR record's switch, reset, refused calls
+// and failed allocations. (What a chain does to a block is the reference of the wrapper tests.)
 #include <android/log.h>
 #include <gtest/gtest.h>
 
@@ -19,12 +19,12 @@ struct Chain {
     sorn_hp_effect_t* c;
     explicit Chain(unsigned rate = 48000) : c(static_cast<sorn_hp_effect_t*>(sorn_hp_effect_init(rate, 2))) {}
     ~Chain() { sorn_hp_effect_end(c); }
-    // Runs `blocks` blocks of a fixed noise sequence; returns the output planes one after another.
-    std::vector<Plane> run(int blocks, unsigned seed = 1) {
+    // Runs three blocks of a fixed noise sequence; returns the output planes one after another.
+    std::vector<Plane> run(unsigned seed = 1) {
         std::mt19937 rng(seed);
         std::uniform_int_distribution<int> dist(-(1 << 21), 1 << 21);
         std::vector<Plane> out;
-        for (int b = 0; b < blocks; ++b) {
+        for (int b = 0; b < 3; ++b) {
             Plane l(240), r(240);
             for (int i = 0; i < 240; ++i) l[i] = dist(rng), r[i] = dist(rng);
             sorn_hp_effect_core_process(c, l.data(), r.data(), 240);
@@ -32,11 +32,6 @@ struct Chain {
             out.push_back(r);
         }
         return out;
-    }
-    void load_zero_taps(int enable) {
-        orla_earadapt_params_t frc{};
-        frc.enable = enable;
-        sorn_hp_effect_frc_setparameter(c, &frc);
     }
 };
 
@@ -46,41 +41,36 @@ TEST(ProcessingChain, RefusesFewerThanTwoChannelsAndClassifiesTheRate) {
     sorn_test::LogCapture log;
     EXPECT_EQ(sorn_hp_effect_init(48000, 1), nullptr);
     EXPECT_EQ(sorn_hp_effect_init(48000, 0), nullptr);
-    EXPECT_EQ(log.count("sorn_hp_effect_init: chnnum 1 unsupported, need to be stereo",
-                        ANDROID_LOG_ERROR, "ORLA_SORN"), 1);
-    const struct { unsigned rate; int type; } cases[] = {
-        {48000, 1}, {44100, 0}, {96000, 2}, {192000, 3}, {44056, 1}};
-    for (const auto& k : cases) {
-        Chain chain(k.rate);
-        ASSERT_NE(chain.c, nullptr);
-        EXPECT_EQ(chain.c->sample_rate_type, k.type) << k.rate;
-    }
+    EXPECT_EQ(log.count("sorn_hp_effect_init: chnnum 1 unsupported, need to be stereo", ANDROID_LOG_ERROR, "ORLA_SORN"), 1);
+    for (auto [rate, type] : {std::pair{48000u, 1}, {44100u, 0}, {96000u, 2}, {192000u, 3}, {44056u, 1}})
+        EXPECT_EQ(Chain(rate).c->sample_rate_type, type) << rate;
 }
 
-// Taps are stored whatever the switch says, but applied only while the filter is on.
-TEST(ProcessingChain, FirRecordIsAppliedOnlyWhenItsFilterIsOn) {
-    Chain fresh, off_with_zero_taps, on_with_zero_taps;
-    off_with_zero_taps.load_zero_taps(0);
-    on_with_zero_taps.load_zero_taps(1);
-    const auto out = fresh.run(4);
+// Taps are stored whatever the switch says, but applied only while the filter is on. Reset
+// clears the signal history (the look-ahead is silent again) and keeps the settings (the
+// surround stays on); empty and null calls change nothing.
+TEST(ProcessingChain, FirSwitchResetAndRefusedCalls) {
+    Chain fresh, off, on, reset;
+    orla_earadapt_params_t zero_taps{};
+    sorn_hp_effect_frc_setparameter(off.c, &zero_taps);
+    zero_taps.enable = 1;
+    sorn_hp_effect_frc_setparameter(on.c, &zero_taps);
+    const auto out = fresh.run();
     EXPECT_FALSE(silent(out[4]));
-    EXPECT_EQ(off_with_zero_taps.run(4), out);
-    for (const auto& p : on_with_zero_taps.run(4)) EXPECT_TRUE(silent(p));
-}
+    EXPECT_EQ(off.run(), out);
+    for (const auto& p : on.run()) EXPECT_TRUE(silent(p));
 
-TEST(ProcessingChain, ResetClearsSignalHistoryKeepsSettingsAndEmptyCallsChangeNothing) {
-    Chain chain;
-    sorn_hp_effect_ss_setparameter(chain.c, 1, 5000, 20);
-    chain.run(3);
-    sorn_hp_effect_reset(chain.c);
+    sorn_hp_effect_ss_setparameter(reset.c, 1, 5000, 20);
+    reset.run();
+    sorn_hp_effect_reset(reset.c);
     Plane l(240, 1000), r(240, -1000);
-    sorn_hp_effect_core_process(chain.c, l.data(), r.data(), 0);
-    sorn_hp_effect_core_process(chain.c, nullptr, r.data(), 240);
+    sorn_hp_effect_core_process(reset.c, l.data(), r.data(), 0);
+    sorn_hp_effect_core_process(reset.c, nullptr, r.data(), 240);
     sorn_hp_effect_core_process(nullptr, l.data(), r.data(), 240);
     EXPECT_EQ(l, Plane(240, 1000));
-    const auto out = chain.run(3, 3);
-    for (int p = 0; p < 4; ++p) EXPECT_TRUE(silent(out[p])) << "plane " << p;  // look-ahead cleared
-    EXPECT_NE(out, Chain().run(3, 3));  // the surround stayed on
+    const auto again = reset.run(3);
+    for (int p = 0; p < 4; ++p) EXPECT_TRUE(silent(again[p])) << "plane " << p;
+    EXPECT_NE(again, Chain().run(3));
 }
 
 TEST(ProcessingChain, AnyFailedAllocationDuringCreationLeaksNothingAndLeavesAUsableChain) {
@@ -100,7 +90,7 @@ TEST(ProcessingChain, AnyFailedAllocationDuringCreationLeaksNothingAndLeavesAUsa
         if (chain != nullptr) {
             auto* c = static_cast<sorn_hp_effect_t*>(chain);
             EXPECT_TRUE(c->surround == nullptr || c->limiter == nullptr) << "allocation " << k;
-            std::vector<int> l(240, 1000), r(240, -1000);
+            Plane l(240, 1000), r(240, -1000);
             sorn_hp_effect_ss_setparameter(chain, 1, 5000, 20);
             sorn_hp_effect_core_process(chain, l.data(), r.data(), 240);
         }
