@@ -1,6 +1,7 @@
 #include "tools/audio_file.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,6 +19,35 @@
 namespace sorn_tool {
 
 namespace {
+
+// The temporary file being written, for the interrupt handler. A handler may call only
+// async-signal-safe functions, so the name sits in a fixed buffer and the handler just unlinks
+// it and re-raises the signal with its default action.
+char g_partial[4096];
+volatile sig_atomic_t g_has_partial = 0;
+
+void remove_partial_and_reraise(int sig) {
+    if (g_has_partial) unlink(g_partial);
+    signal(sig, SIG_DFL);
+    raise(sig);
+}
+
+void track_partial(const std::string &tmp) {
+    static const bool installed = [] {
+        struct sigaction sa {};
+        sa.sa_handler = remove_partial_and_reraise;
+        sigemptyset(&sa.sa_mask);
+        for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaction(sig, &sa, nullptr);
+        return true;
+    }();
+    (void)installed;
+    g_has_partial = 0;
+    if (tmp.size() >= sizeof g_partial) return;
+    std::memcpy(g_partial, tmp.c_str(), tmp.size() + 1);
+    g_has_partial = 1;
+}
+
+void untrack_partial() { g_has_partial = 0; }
 
 struct Container {
     const char *ext;
@@ -268,7 +298,10 @@ bool audio_output_format(const std::string &path, SampleFormat format, int &sf_f
 
 AudioWriter::~AudioWriter() {
     if (sf) sf_close(static_cast<SNDFILE *>(sf));
-    if (!tmp.empty()) unlink(tmp.c_str());
+    if (!tmp.empty()) {
+        untrack_partial();
+        unlink(tmp.c_str());
+    }
 }
 
 bool audio_writer_open(AudioWriter &w, const std::string &path, int rate, int channels, SampleFormat format,
@@ -287,6 +320,7 @@ bool audio_writer_open(AudioWriter &w, const std::string &path, int rate, int ch
     }
     w.path = path;
     w.tmp = tmp;
+    track_partial(tmp);
     w.channels = channels;
     w.format = format;
     mode_t mask = umask(0);
@@ -334,6 +368,7 @@ bool audio_writer_commit(AudioWriter &w, std::string &error) {
         error = w.path + ": cannot write: " + std::strerror(errno);
         return false;
     }
+    untrack_partial();
     w.tmp.clear();
     return true;
 }

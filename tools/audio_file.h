@@ -79,7 +79,8 @@ bool audio_output_format(const std::string &path, SampleFormat format, int &sf_f
 bool audio_write(const std::string &path, const AudioBuffer &buf, std::string &error);
 
 /* A file written in pieces under a temporary name beside `path`; audio_writer_commit closes it
-   and renames it into place. One that goes out of scope uncommitted is removed. */
+   and renames it into place. One that goes out of scope uncommitted is removed, and so is the one
+   being written when the process is interrupted (SIGINT, SIGTERM, SIGHUP). */
 struct AudioWriter {
     AudioWriter() = default;
     ~AudioWriter();
