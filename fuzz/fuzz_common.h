@@ -1,6 +1,7 @@
-// Shared pieces of the fuzz harnesses: exact-size heap buffers (so AddressSanitizer sees any
-// byte read or written past what the caller handed over), invariant checks that abort with a
-// message, and a quiet logger that still formats every log line.
+// Shared pieces of the fuzz harnesses and the soak: exact-size heap buffers (so AddressSanitizer
+// sees any byte read or written past what the caller handed over), invariant checks that abort
+// with a message, a quiet logger that still formats every log line, the usual stream set-up
+// through the command interface, and the output checks.
 #ifndef SORN_FUZZ_FUZZ_COMMON_H
 #define SORN_FUZZ_FUZZ_COMMON_H
 
@@ -13,16 +14,18 @@
 #include <cstring>
 #include <vector>
 
+#include "effect/sorn_hp_command.h"
 #include "effect/sorn_hp_entry.h"
+#include "wrapper/sorn_hp_params.h"
 
-#define FUZZ_CHECK(cond, ...)                                                          \
-    do {                                                                               \
-        if (!(cond)) {                                                                 \
-            std::fprintf(stderr, "%s:%d: invariant failed: %s: ", __FILE__, __LINE__, #cond); \
-            std::fprintf(stderr, __VA_ARGS__);                                         \
-            std::fputc('\n', stderr);                                                  \
-            std::abort();                                                              \
-        }                                                                              \
+#define FUZZ_CHECK(cond, ...)                                                                    \
+    do {                                                                                         \
+        if (!(cond)) {                                                                           \
+            std::fprintf(stderr, "%s:%d: invariant failed: %s: ", __FILE__, __LINE__, #cond);    \
+            std::fprintf(stderr, __VA_ARGS__);                                                   \
+            std::fputc('\n', stderr);                                                            \
+            std::abort();                                                                        \
+        }                                                                                        \
     } while (0)
 
 namespace sorn_fuzz {
@@ -47,9 +50,7 @@ public:
     uint8_t *data() { return data_; }
     size_t size() const { return size_; }
     std::vector<uint8_t> snapshot() const { return std::vector<uint8_t>(data_, data_ + size_); }
-    bool equals(const std::vector<uint8_t> &s) const {
-        return s.size() == size_ && (size_ == 0 || std::memcmp(s.data(), data_, size_) == 0);
-    }
+    bool equals(const std::vector<uint8_t> &s) const { return s == snapshot(); }
 
 private:
     size_t size_;
@@ -57,47 +58,106 @@ private:
 };
 
 inline size_t bytes_per_sample(uint32_t format) {
-    switch (format) {
-        case 1: return 2;  // 16-bit
-        case 2: return 1;  // 8-bit
-        case 6: return 3;  // packed 24-bit
-        case 3: case 4: case 5: return 4;
-        default: return 4;
+    return format == AUDIO_FORMAT_PCM_16_BIT ? 2 : format == AUDIO_FORMAT_PCM_8_BIT ? 1
+         : format == AUDIO_FORMAT_PCM_24_BIT_PACKED ? 3 : 4;
+}
+
+// Sample i of a buffer in `format`, from v in [-1, 1].
+inline void put_sample(uint8_t *buf, uint32_t format, size_t i, double v) {
+    if (format == AUDIO_FORMAT_PCM_FLOAT) {
+        const float f = static_cast<float>(v);
+        std::memcpy(buf + 4 * i, &f, 4);
+    } else if (format == AUDIO_FORMAT_PCM_16_BIT) {
+        const auto s = static_cast<int16_t>(std::lround(v * 32767.0));
+        std::memcpy(buf + 2 * i, &s, 2);
+    } else {
+        const double full = format == AUDIO_FORMAT_PCM_8_24_BIT ? 8388607.0 : 2147483647.0;
+        const auto s = static_cast<int32_t>(std::lround(v * full));
+        std::memcpy(buf + 4 * i, &s, 4);
     }
+}
+
+inline effect_config_t stereo_config(uint32_t rate, uint32_t format, bool accumulate) {
+    effect_config_t c{};
+    for (buffer_config_t *b : {&c.inputCfg, &c.outputCfg}) {
+        b->samplingRate = rate;
+        b->channels = AUDIO_CHANNEL_OUT_STEREO;
+        b->format = static_cast<uint8_t>(format);
+    }
+    c.inputCfg.accessMode = EFFECT_BUFFER_ACCESS_READ;
+    c.outputCfg.accessMode = accumulate ? EFFECT_BUFFER_ACCESS_ACCUMULATE : EFFECT_BUFFER_ACCESS_WRITE;
+    return c;
+}
+
+// A command with a one-word reply: the command's result if it failed, else the reply word.
+inline int32_t send(effect_handle_t h, uint32_t code, uint32_t size = 0, const void *data = nullptr) {
+    int32_t reply = -1;
+    uint32_t reply_size = sizeof reply;
+    const int32_t r = (*h)->command(h, code, size, const_cast<void *>(data), &reply_size, &reply);
+    return r != 0 ? r : reply;
+}
+
+inline int32_t set_param(effect_handle_t h, uint32_t id, const void *value, uint32_t vsize) {
+    std::vector<uint8_t> v(16 + vsize);
+    const uint32_t header[4] = {0, 4, vsize, id};
+    std::memcpy(v.data(), header, 16);
+    std::memcpy(v.data() + 16, value, vsize);
+    return send(h, EFFECT_CMD_SET_PARAM, static_cast<uint32_t>(v.size()), v.data());
+}
+
+// Blocks a client would send. 0: flat lc; 1: a steep curve at the +7 dB limit with surround;
+// 2: the same with a frequency out of range (default taps, FIR off); 3: the steep curve and an
+// ea table of unordered and repeated frequencies (a repaired design).
+inline sorn_hp_params_t usual_block(int kind) {
+    sorn_hp_params_t p{};
+    p.lc = 1;
+    for (int i = 0; i < SORN_HP_LC_POINTS; ++i) p.lc_freq[i] = 100 + 1500 * i;
+    if (kind >= 1) {
+        p.hp = p.ss = 1;
+        for (int i = 0; i < SORN_HP_HP_POINTS; ++i)
+            p.lc_gain[i] = (i % 2) ? 12 : -12, p.hp_freq[i] = 60 + 1700 * i, p.hp_gain[i] = 9;
+    }
+    if (kind == 2) p.hp_freq[3] = 22001;
+    if (kind == 3) {
+        p.ea = 1;
+        for (int i = 0; i < SORN_HP_EA_POINTS; ++i) p.ea_freq[i] = (i % 3) ? 22000 - 1000 * i : 0, p.ea_gain[i] = -3 * i;
+    }
+    return p;
+}
+
+// Configure, load a block (unless kind < 0), pick a headphone device and enable; false if any
+// step is refused.
+inline bool start_stream(effect_handle_t h, const effect_config_t &c, int kind, uint32_t device, bool enable) {
+    bool ok = send(h, EFFECT_CMD_SET_CONFIG, sizeof c, &c) == 0;
+    const sorn_hp_params_t p = usual_block(kind < 0 ? 0 : kind);
+    if (kind >= 0) ok = ok && set_param(h, SORN_HP_PARAM_BLOCK, &p, sizeof p) == 0;
+    ok = ok && send(h, EFFECT_CMD_SET_DEVICE, 4, &device) == 0;
+    return ok && (!enable || send(h, EFFECT_CMD_ENABLE) == 0);
 }
 
 // Checks an output buffer after a successful process call against what it held before.
 // Float: every sample finite and within [-1, 1], in both modes. 16-bit and 32-bit accumulate:
 // each sample lies within prev + [min, max] of the added contribution, which a wrapped sum
-// never does. 8.24 accumulate is a plain 32-bit sum by design: the difference taken modulo 2^32
-// must still be a contribution of 24 bits.
-inline void check_output(uint32_t format, bool accumulate, const uint8_t *before,
-                         const uint8_t *after, size_t samples) {
+// never does. 8.24 written: within 24 bits; accumulated, a plain 32-bit sum by design, so the
+// difference taken modulo 2^32 must still be a contribution of 24 bits.
+inline void check_output(uint32_t format, bool accumulate, const uint8_t *before, const uint8_t *after,
+                         size_t samples) {
     for (size_t i = 0; i < samples; ++i) {
-        if (format == 5) {
+        if (format == AUDIO_FORMAT_PCM_FLOAT) {
             float v;
             std::memcpy(&v, after + 4 * i, 4);
-            FUZZ_CHECK(std::isfinite(v) && v >= -1.0f && v <= 1.0f, "float sample %zu is %g", i,
-                       static_cast<double>(v));
-        } else if (format == 1 && accumulate) {
+            FUZZ_CHECK(std::isfinite(v) && v >= -1.0f && v <= 1.0f, "float sample %zu is %g", i, double(v));
+        } else if (format == AUDIO_FORMAT_PCM_16_BIT && accumulate) {
             int16_t p, v;
-            std::memcpy(&p, before + 2 * i, 2);
-            std::memcpy(&v, after + 2 * i, 2);
-            FUZZ_CHECK(v >= p - 32768 && v <= p + 32767, "16-bit sample %zu wrapped: %d -> %d", i,
-                       p, v);
-        } else if (format == 3 && accumulate) {
+            std::memcpy(&p, before + 2 * i, 2), std::memcpy(&v, after + 2 * i, 2);
+            FUZZ_CHECK(v >= p - 32768 && v <= p + 32767, "16-bit sample %zu wrapped: %d -> %d", i, p, v);
+        } else if (format == AUDIO_FORMAT_PCM_32_BIT && accumulate) {
             int32_t p, v;
-            std::memcpy(&p, before + 4 * i, 4);
-            std::memcpy(&v, after + 4 * i, 4);
-            const int64_t lo = int64_t{p} + INT32_MIN, hi = int64_t{p} + INT32_MAX;
-            FUZZ_CHECK(v >= lo && v <= hi, "32-bit sample %zu wrapped: %d -> %d", i, p, v);
-        } else if (format == 4 && !accumulate) {
-            int32_t v;
-            std::memcpy(&v, after + 4 * i, 4);
-            FUZZ_CHECK(v >= -(1 << 23) && v < (1 << 23), "8.24 sample %zu is %d", i, v);
-        } else if (format == 4 && accumulate) {
-            uint32_t p, v;
-            std::memcpy(&p, before + 4 * i, 4);
+            std::memcpy(&p, before + 4 * i, 4), std::memcpy(&v, after + 4 * i, 4);
+            FUZZ_CHECK(v >= int64_t{p} + INT32_MIN && v <= int64_t{p} + INT32_MAX, "32-bit sample %zu wrapped: %d -> %d", i, p, v);
+        } else if (format == AUDIO_FORMAT_PCM_8_24_BIT) {
+            uint32_t p = 0, v;
+            if (accumulate) std::memcpy(&p, before + 4 * i, 4);
             std::memcpy(&v, after + 4 * i, 4);
             const auto d = static_cast<int32_t>(v - p);
             FUZZ_CHECK(d >= -(1 << 23) && d < (1 << 23), "8.24 sample %zu moved by %d", i, d);
