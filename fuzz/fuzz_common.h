@@ -6,6 +6,7 @@
 #define SORN_FUZZ_FUZZ_COMMON_H
 
 #include <android/log.h>
+#include <system/audio.h>
 
 #include <cmath>
 #include <cstdint>
@@ -57,24 +58,18 @@ private:
     uint8_t *data_;
 };
 
-inline size_t bytes_per_sample(uint32_t format) {
-    return format == AUDIO_FORMAT_PCM_16_BIT ? 2 : format == AUDIO_FORMAT_PCM_8_BIT ? 1
-         : format == AUDIO_FORMAT_PCM_24_BIT_PACKED ? 3 : 4;
+inline size_t bytes_per_sample(uint32_t format) {  // 4 for formats that are not linear PCM
+    const size_t bytes = audio_bytes_per_sample(static_cast<audio_format_t>(format));
+    return bytes != 0 ? bytes : 4;
 }
 
 // Sample i of a buffer in `format`, from v in [-1, 1].
 inline void put_sample(uint8_t *buf, uint32_t format, size_t i, double v) {
-    if (format == AUDIO_FORMAT_PCM_FLOAT) {
-        const float f = static_cast<float>(v);
-        std::memcpy(buf + 4 * i, &f, 4);
-    } else if (format == AUDIO_FORMAT_PCM_16_BIT) {
-        const auto s = static_cast<int16_t>(std::lround(v * 32767.0));
-        std::memcpy(buf + 2 * i, &s, 2);
-    } else {
-        const double full = format == AUDIO_FORMAT_PCM_8_24_BIT ? 8388607.0 : 2147483647.0;
-        const auto s = static_cast<int32_t>(std::lround(v * full));
-        std::memcpy(buf + 4 * i, &s, 4);
-    }
+    const float f = static_cast<float>(v);
+    const auto s16 = static_cast<int16_t>(std::lround(v * 32767.0));
+    const auto s32 = static_cast<int32_t>(std::lround(v * (format == AUDIO_FORMAT_PCM_8_24_BIT ? 8388607.0 : 2147483647.0)));
+    if (format == AUDIO_FORMAT_PCM_16_BIT) std::memcpy(buf + 2 * i, &s16, 2);
+    else std::memcpy(buf + 4 * i, format == AUDIO_FORMAT_PCM_FLOAT ? static_cast<const void *>(&f) : &s32, 4);
 }
 
 inline effect_config_t stereo_config(uint32_t rate, uint32_t format, bool accumulate) {
@@ -135,35 +130,34 @@ inline bool start_stream(effect_handle_t h, const effect_config_t &c, int kind, 
     return ok && (!enable || send(h, EFFECT_CMD_ENABLE) == 0);
 }
 
-// Checks an output buffer after a successful process call against what it held before.
-// Float: every sample finite and within [-1, 1], in both modes. 16-bit and 32-bit accumulate:
-// each sample lies within prev + [min, max] of the added contribution, which a wrapped sum
-// never does. 8.24 written: within 24 bits; accumulated, a plain 32-bit sum by design, so the
-// difference taken modulo 2^32 must still be a contribution of 24 bits.
-inline void check_output(uint32_t format, bool accumulate, const uint8_t *before, const uint8_t *after,
-                         size_t samples) {
+// Checks an output buffer after a successful process call against what it held before and
+// returns the first sample that fails, or -1. Float: every sample finite and within [-1, 1], in
+// both modes. 16-bit and 32-bit accumulate: each sample lies within prev + [min, max] of the
+// added contribution, which a wrapped sum never does. 8.24 written: within 24 bits;
+// accumulated, a plain 32-bit sum by design, so the difference taken modulo 2^32 must still be
+// a contribution of 24 bits.
+inline long bad_output(uint32_t format, bool accumulate, const uint8_t *before, const uint8_t *after, size_t samples) {
+    const bool s16 = format == AUDIO_FORMAT_PCM_16_BIT, s824 = format == AUDIO_FORMAT_PCM_8_24_BIT;
+    const bool ints = s16 || s824 || (format == AUDIO_FORMAT_PCM_32_BIT && accumulate);
+    const size_t w = s16 ? 2 : 4;
+    if (format != AUDIO_FORMAT_PCM_FLOAT && !ints) return -1;  // nothing to check: any value is valid
     for (size_t i = 0; i < samples; ++i) {
-        if (format == AUDIO_FORMAT_PCM_FLOAT) {
-            float v;
-            std::memcpy(&v, after + 4 * i, 4);
-            FUZZ_CHECK(std::isfinite(v) && v >= -1.0f && v <= 1.0f, "float sample %zu is %g", i, double(v));
-        } else if (format == AUDIO_FORMAT_PCM_16_BIT && accumulate) {
-            int16_t p, v;
-            std::memcpy(&p, before + 2 * i, 2), std::memcpy(&v, after + 2 * i, 2);
-            FUZZ_CHECK(v >= p - 32768 && v <= p + 32767, "16-bit sample %zu wrapped: %d -> %d", i, p, v);
-        } else if (format == AUDIO_FORMAT_PCM_32_BIT && accumulate) {
-            int32_t p, v;
-            std::memcpy(&p, before + 4 * i, 4), std::memcpy(&v, after + 4 * i, 4);
-            FUZZ_CHECK(v >= int64_t{p} + INT32_MIN && v <= int64_t{p} + INT32_MAX, "32-bit sample %zu wrapped: %d -> %d", i, p, v);
-        } else if (format == AUDIO_FORMAT_PCM_8_24_BIT) {
-            uint32_t p = 0, v;
-            if (accumulate) std::memcpy(&p, before + 4 * i, 4);
-            std::memcpy(&v, after + 4 * i, 4);
-            const auto d = static_cast<int32_t>(v - p);
-            FUZZ_CHECK(d >= -(1 << 23) && d < (1 << 23), "8.24 sample %zu moved by %d", i, d);
-        }
+        float f = 0.0f;
+        int32_t p = 0, v = 0;  // little-endian samples, 16-bit ones sign-extended below
+        std::memcpy(format == AUDIO_FORMAT_PCM_FLOAT ? static_cast<void *>(&f) : &v, after + w * i, w);
+        if (accumulate && ints) std::memcpy(&p, before + w * i, w);
+        if (s16) p = static_cast<int16_t>(p), v = static_cast<int16_t>(v);
+        const int64_t d = s824 ? static_cast<int32_t>(static_cast<uint32_t>(v) - static_cast<uint32_t>(p)) : int64_t{v} - p;
+        const int64_t lo = s824 ? -(1 << 23) : s16 ? INT16_MIN : INT32_MIN, hi = s824 ? (1 << 23) - 1 : s16 ? INT16_MAX : INT32_MAX;
+        if (!(std::isfinite(f) && f >= -1.0f && f <= 1.0f) || (ints && (accumulate || s824) && (d < lo || d > hi)))
+            return static_cast<long>(i);
     }
+    return -1;
 }
+
+// The harnesses' libFuzzer start-up: log lines formatted but dropped.
+#define SORN_FUZZ_INITIALIZE \
+    extern "C" int LLVMFuzzerInitialize(int *, char ***) { return sorn_fuzz::quiet_logs(), 0; }
 
 }  // namespace sorn_fuzz
 

@@ -22,20 +22,17 @@ using sorn_fuzz::ExactBuffer;
 using U8 = std::array<uint32_t, 8>;
 
 constexpr int kMaxOps = 96;
-constexpr size_t kFrameBudget = 1 << 16;  // frames processed per input, all calls together
-constexpr int kDesignBudget = 4;          // parameter loads and reconfigurations per input
 
 struct Instance {
     effect_handle_t h = nullptr;
-    bool configured = false;
-    uint32_t format = AUDIO_FORMAT_PCM_32_BIT;
-    bool accumulate = false;
     int state = 0;  // what the instance should be in: 1 created, 2 enabled
+    bool configured = false, accumulate = false;
+    uint32_t format = AUDIO_FORMAT_PCM_32_BIT;
 };
 
 struct Budget {
-    size_t frames = kFrameBudget;
-    int designs = kDesignBudget;
+    size_t frames = 1 << 16;  // frames processed per input, all calls together
+    int designs = 4;          // parameter loads and reconfigurations per input
 };
 
 template <typename T, size_t N>
@@ -256,7 +253,8 @@ void do_process(FuzzedDataProvider &fdp, Instance &in, Budget &budget) {
         return;
     }
     FUZZ_CHECK(r == (in.state == 2 ? 0 : -61), "process returned %d in state %d", r, in.state);
-    sorn_fuzz::check_output(in.format, in.accumulate && !in_place, out_before.data(), target.data(), frames * 2);
+    const long bad = sorn_fuzz::bad_output(in.format, in.accumulate && !in_place, out_before.data(), target.data(), frames * 2);
+    FUZZ_CHECK(bad < 0, "output sample %ld of format %u out of range or wrapped", bad, in.format);
 }
 
 void do_create(FuzzedDataProvider &fdp, Instance &in) {
@@ -272,7 +270,7 @@ void do_create(FuzzedDataProvider &fdp, Instance &in) {
         return;
     }
     FUZZ_CHECK(r == 0 && h != nullptr, "create failed: %d", r);
-    in = Instance{h, false, AUDIO_FORMAT_PCM_32_BIT, false, 1};
+    in = Instance{h, 1};
 }
 
 void do_describe(FuzzedDataProvider &fdp, Instance &in) {
@@ -294,10 +292,7 @@ void do_release(Instance &in) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    sorn_fuzz::quiet_logs();
-    return 0;
-}
+SORN_FUZZ_INITIALIZE
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     FuzzedDataProvider fdp(data, size);

@@ -74,10 +74,7 @@ void run_curve(const sorn_hp_params_t &p) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    sorn_fuzz::quiet_logs();
-    return 0;
-}
+SORN_FUZZ_INITIALIZE
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     constexpr std::array<int, 8> kRates = {48000, 44100, 44050, 48050, 47999, 96000, 48000, 44100};

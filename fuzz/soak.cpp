@@ -25,7 +25,9 @@ namespace {
 using namespace sorn_fuzz;
 constexpr uint32_t kRate = 48000;
 std::atomic<long> g_log_lines{0}, g_mute_trips{0};
-long g_failures = 0;
+long g_failures = 0, g_callbacks = 0, g_events = 0, g_queries = 0;
+long g_active_queries = 0;  // status answers showing the chain heard and no silence gate
+long long g_steady_allocs = 0;
 
 void fail(const char *what, long detail) {
     if (++g_failures <= 20) std::fprintf(stderr, "soak: %s (%ld)\n", what, detail);
@@ -50,7 +52,7 @@ Heap heap_now() {
 
 class Instance {
 public:
-    Instance(uint32_t seed, uint32_t format, bool accumulate) : rng_(seed), format_(format) {
+    Instance(uint32_t seed, uint32_t format, bool accumulate) : rng_(seed) {
         if (AELI.create_effect(&kUuid, 0, 0, &h_) != 0) fail("create", 0);
         configure(format, kRate, accumulate);
         set_block();
@@ -68,50 +70,36 @@ public:
         const int32_t r = (*h_)->process(h_, &ib, &ob);
         if (frames_ == last_frames_ && allocs.count() != 0 && sorn_test::AllocCounter::available()) {
             fail("allocation in process at a steady frame count", static_cast<long>(allocs.count()));
-            ++steady_allocs;
+            ++g_steady_allocs;
         }
         last_frames_ = frames_;
         if (r != (enabled_ ? 0 : -61)) fail("process result", r);
-        for (size_t i = 0; format_ == AUDIO_FORMAT_PCM_FLOAT && i < 2 * frames_; ++i) {
-            float v;
-            std::memcpy(&v, out_.data() + 4 * i, 4);
-            if (!std::isfinite(v) || v < -1.0f || v > 1.0f) {
-                fail("float output out of range", static_cast<long>(i));
-                break;
-            }
-        }
+        if (format_ == AUDIO_FORMAT_PCM_FLOAT && bad_output(format_, false, nullptr, out_.data(), 2 * frames_) >= 0)
+            fail("float output out of range", bad_output(format_, false, nullptr, out_.data(), 2 * frames_));
         seconds += static_cast<double>(frames_) / rate_;
-        ++callbacks;
+        ++g_callbacks;
     }
 
     double seconds = 0.0;
-    long callbacks = 0, events_seen = 0, queries = 0;
-    long active_queries = 0;  // status answers showing the chain heard and no silence gate
-    long long steady_allocs = 0;
 
 private:
     bool coin(double p) { return std::bernoulli_distribution(p)(rng_); }
     template <typename T>
     T any(T lo, T hi) { return std::uniform_int_distribution<T>(lo, hi)(rng_); }
+    double real(double lo, double hi) { return std::uniform_real_distribution<double>(lo, hi)(rng_); }
 
     // Audio in segments of a few seconds each: music-like tones with slow level changes, noise,
     // full-scale squares (the rails), or silence long enough to reach the silence gate.
-    double next_sample(int channel) {
-        if (channel == 0 && left_-- == 0) {
+    double next_sample(int ch) {
+        if (ch == 0 && left_-- == 0) {
             const int k = any(0, 9);
             kind_ = k < 5 ? 0 : k < 7 ? 1 : k < 8 ? 2 : 3;
-            left_ = any<long>(kRate / 4, 6 * kRate);
-            amp_ = std::uniform_real_distribution<double>(0.01, 1.0)(rng_);
-            f1_ = std::uniform_real_distribution<double>(30.0, 12000.0)(rng_);
-            f2_ = std::uniform_real_distribution<double>(30.0, 12000.0)(rng_);
+            left_ = any<long>(kRate / 4, 6 * kRate), amp_ = real(0.01, 1.0), f1_ = real(30.0, 12000.0), f2_ = real(30.0, 12000.0);
         }
-        const double ph = static_cast<double>(t_ += channel) / kRate;
-        switch (kind_) {
-            case 0: return amp_ * (0.6 * std::sin(2 * M_PI * (channel ? f2_ : f1_) * ph) + 0.3 * std::sin(2 * M_PI * (channel ? 1.5 * f1_ : f2_) * ph + channel));
-            case 1: return amp_ * std::uniform_real_distribution<double>(-1.0, 1.0)(rng_);
-            case 2: return (std::sin(2 * M_PI * f1_ * ph) >= 0) != (channel == 1) ? 1.0 : -1.0;
-            default: return 0.0;
-        }
+        const double ph = 2 * M_PI * static_cast<double>(t_ += ch) / kRate;
+        if (kind_ == 0) return amp_ * (0.6 * std::sin((ch ? f2_ : f1_) * ph) + 0.3 * std::sin((ch ? 1.5 * f1_ : f2_) * ph + ch));
+        if (kind_ == 1) return amp_ * real(-1.0, 1.0);
+        return kind_ == 2 ? ((std::sin(f1_ * ph) >= 0) != (ch == 1) ? 1.0 : -1.0) : 0.0;
     }
 
     void configure(uint32_t format, uint32_t rate, bool accumulate) {
@@ -130,50 +118,49 @@ private:
         if (set_param(h_, SORN_HP_PARAM_BLOCK, &p, sizeof p) != 0) fail("parameter block", 0);
     }
 
-    // Each switch that silences the processing is rare, and switched back soon, so the chain is
-    // heard most of the time and every transition still happens often.
+    // The mixer's buffer size, parameter blocks, the device, the mode, enable, bypass, status
+    // queries and the stream format change at random. Each switch that silences the processing
+    // is rare and switched back soon, so the chain is heard most of the time and every
+    // transition still happens often.
     void events() {
         static constexpr std::array<size_t, 8> sizes = {240, 480, 960, 192, 256, 1024, 441, 240};
         static constexpr std::array<uint32_t, 4> devices = {AUDIO_DEVICE_OUT_WIRED_HEADPHONE, AUDIO_DEVICE_OUT_BLUETOOTH_A2DP,
                                                             AUDIO_DEVICE_OUT_USB_HEADSET, AUDIO_DEVICE_OUT_SPEAKER};
         static constexpr std::array<uint32_t, 4> formats = {AUDIO_FORMAT_PCM_FLOAT, AUDIO_FORMAT_PCM_16_BIT,
                                                             AUDIO_FORMAT_PCM_32_BIT, AUDIO_FORMAT_PCM_8_24_BIT};
-        if (coin(1.0 / 400)) frames_ = coin(0.3) ? any<size_t>(1, 4096) : sizes[any<size_t>(0, 7)], ++events_seen;  // the mixer
-        if (coin(1.0 / 3000)) set_block(), ++events_seen;
+        if (coin(1.0 / 400)) frames_ = coin(0.3) ? any<size_t>(1, 4096) : sizes[any<size_t>(0, 7)], ++g_events;
+        if (coin(1.0 / 3000)) set_block(), ++g_events;
         if (coin(on_speaker_ ? 1.0 / 300 : 1.0 / 3000)) {
             const uint32_t d = devices[any<size_t>(0, on_speaker_ ? 2 : 3)];
-            on_speaker_ = d == AUDIO_DEVICE_OUT_SPEAKER, ++events_seen;
+            on_speaker_ = d == AUDIO_DEVICE_OUT_SPEAKER, ++g_events;
             if (send(h_, EFFECT_CMD_SET_DEVICE, 4, &d) != 0) fail("device command", d);
         }
         if (coin(in_call_ ? 1.0 / 300 : 1.0 / 10000)) {
             const uint32_t mode = (in_call_ = !in_call_) ? 2 : 0;
-            ++events_seen;
-            if (send(h_, EFFECT_CMD_SET_AUDIO_MODE, 4, &mode) != 0) fail("mode command", mode);
+            if (++g_events, send(h_, EFFECT_CMD_SET_AUDIO_MODE, 4, &mode) != 0) fail("mode command", mode);
         }
         if (coin(enabled_ ? 1.0 / 8000 : 1.0 / 300)) {
-            if (send(h_, (enabled_ = !enabled_) ? EFFECT_CMD_ENABLE : EFFECT_CMD_DISABLE) != 0) fail("enable or disable", enabled_);
-            ++events_seen;
+            if (++g_events, send(h_, (enabled_ = !enabled_) ? EFFECT_CMD_ENABLE : EFFECT_CMD_DISABLE) != 0) fail("enable", enabled_);
         }
         if (coin(bypass_ ? 1.0 / 300 : 1.0 / 10000)) {
             const uint32_t on = (bypass_ = !bypass_) ? 1 : 0;
-            ++events_seen;
-            if (set_param(h_, SORN_HP_PARAM_BYPASS, &on, 4) != 0) fail("bypass", 0);
+            if (++g_events, set_param(h_, SORN_HP_PARAM_BYPASS, &on, 4) != 0) fail("bypass", 0);
         }
         if (coin(1.0 / 1000)) {  // the status query of a tuning tool
             uint32_t query[4] = {0, 4, 1024, 201}, size = 1040;
             std::vector<char> reply(1040);
             if ((*h_)->command(h_, EFFECT_CMD_GET_PARAM, 16, query, &size, reply.data()) != 0 || size != 1040) fail("status query", size);
-            ++queries, active_queries += std::strstr(reply.data() + 16, "state: 1  mute: 0") != nullptr;
+            ++g_queries, g_active_queries += std::strstr(reply.data() + 16, "state: 1  mute: 0") != nullptr;
         }
         if (coin(1.0 / 30000)) {  // a new stream format, sometimes at 44.1 kHz for a while
             const uint32_t format = formats[any<size_t>(0, 3)], rate = coin(0.2) ? 44100 : kRate;
-            configure(format, rate, coin(0.5)), ++events_seen;
+            configure(format, rate, coin(0.5)), ++g_events;
         }
     }
 
     std::mt19937 rng_;
     effect_handle_t h_ = nullptr;
-    uint32_t format_, rate_ = kRate;
+    uint32_t format_ = 0, rate_ = kRate;
     bool enabled_ = true, on_speaker_ = false, in_call_ = false, bypass_ = false;
     size_t frames_ = 240, last_frames_ = 0;
     std::vector<uint8_t> in_ = std::vector<uint8_t>(8 * 4096), out_ = std::vector<uint8_t>(8 * 4096);
@@ -211,21 +198,22 @@ int main(int argc, char **argv) {
     // One short run first, so that what the C library and the platform layer allocate once
     // per process (stdio buffers, the property map) is not counted against the instances.
     std::printf("soak: %.0f s of audio per instance, seed %u\n", seconds, seed);
-    for (Instance prime(seed + 7, AUDIO_FORMAT_PCM_FLOAT, false); prime.callbacks < 50;) prime.step();
+    {
+        Instance prime(seed + 7, AUDIO_FORMAT_PCM_FLOAT, false);
+        for (int i = 0; i < 50; ++i) prime.step();
+    }
+    g_callbacks = g_events = g_queries = g_active_queries = g_steady_allocs = 0;
     const auto t0 = std::chrono::steady_clock::now();
     const Heap before = heap_now();
     Heap warm{}, end{};
     double audio[2] = {};
-    long callbacks = 0, events = 0, queries = 0, active = 0;
-    long long steady_allocs = 0;
     {
         Instance a(seed, AUDIO_FORMAT_PCM_FLOAT, false), b(seed + 1000, AUDIO_FORMAT_PCM_16_BIT, true);
-        bool warmed = false;
         for (double next_report = seconds / 10; a.seconds < seconds || b.seconds < seconds;) {
             if (a.seconds < seconds) a.step();
             if (b.seconds < seconds) b.step();
             const double done = std::min(a.seconds, b.seconds);
-            if (!warmed && done >= std::min(60.0, seconds / 10)) warm = heap_now(), warmed = true;
+            if (warm.rss_kib == 0 && done >= std::min(60.0, seconds / 10)) warm = heap_now();
             if (done >= next_report) {
                 const Heap h = heap_now();
                 std::printf("soak: %6.0f s of audio, resident %ld KiB, heap %zu bytes in %lld blocks\n", done, h.rss_kib, h.bytes, h.blocks);
@@ -233,20 +221,17 @@ int main(int argc, char **argv) {
             }
         }
         end = heap_now();
-        if (!warmed) warm = end;
+        if (warm.rss_kib == 0) warm = end;
         audio[0] = a.seconds, audio[1] = b.seconds;
-        callbacks = a.callbacks + b.callbacks, events = a.events_seen + b.events_seen;
-        queries = a.queries + b.queries, active = a.active_queries + b.active_queries;
-        steady_allocs = a.steady_allocs + b.steady_allocs;
     }
     const Heap after = heap_now();
     const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
 
     std::printf("soak: audio %.0f s + %.0f s at 48 kHz, wall %.1f s (%.0fx real time per instance)\n", audio[0], audio[1], wall,
                 (audio[0] + audio[1]) / wall / 2);
-    std::printf("soak: %ld callbacks, %ld events, %ld log lines, %ld mute trips\n", callbacks, events, g_log_lines.load(),
+    std::printf("soak: %ld callbacks, %ld events, %ld log lines, %ld mute trips\n", g_callbacks, g_events, g_log_lines.load(),
                 g_mute_trips.load());
-    std::printf("soak: %ld of %ld status queries found the processed output on and sounding\n", active, queries);
+    std::printf("soak: %ld of %ld status queries found the processed output on and sounding\n", g_active_queries, g_queries);
     std::printf("soak: heap blocks before %lld, after warm-up %lld, at the end %lld, after release %lld\n", before.blocks,
                 warm.blocks, end.blocks, after.blocks);
     std::printf("soak: heap bytes before %zu, after warm-up %zu, at the end %zu, after release %zu\n", before.bytes, warm.bytes,
@@ -254,7 +239,7 @@ int main(int argc, char **argv) {
     std::printf("soak: resident KiB before %ld, after warm-up %ld, at the end %ld, after release %ld\n", before.rss_kib,
                 warm.rss_kib, end.rss_kib, after.rss_kib);
     if (sorn_test::AllocCounter::available()) {
-        std::printf("soak: allocations in process at a steady frame count: %lld\n", steady_allocs);
+        std::printf("soak: allocations in process at a steady frame count: %lld\n", g_steady_allocs);
         if (after.blocks != before.blocks) fail("heap blocks lost", static_cast<long>(after.blocks - before.blocks));
         if (after.bytes != before.bytes) fail("heap bytes lost", static_cast<long>(after.bytes - before.bytes));
         // Resident size may wobble with the buffer sizes of the moment, but must not grow with time.
