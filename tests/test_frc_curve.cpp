@@ -17,8 +17,7 @@ const std::vector<int> kF8{60, 250, 1000, 2500, 6000, 10000, 15000, 21000};
 
 // Groups in lc, hp, ea order; an empty group is switched off.
 std::vector<int32_t> design(int rate, const std::vector<Group> &g, frc_design_report_t *rep = nullptr) {
-    frc_design_input_t in{};
-    in.sample_rate = rate;
+    frc_design_input_t in{rate, 0, 0, 0, {}, {}, {}, {}, {}, {}};
     int32_t *sw[] = {&in.lc, &in.hp, &in.ea}, *fr[] = {in.lc_freq, in.hp_freq, in.ea_freq},
             *ga[] = {in.lc_gain, in.hp_gain, in.ea_gain};
     for (size_t k = 0; k < g.size(); ++k) {
