@@ -18,6 +18,8 @@ constexpr int32_t kTopHz = 22000;
 constexpr int kMaxPoints = 12;
 constexpr int kMaxKnots = kMaxPoints + 2;  // the table plus the two end knots
 constexpr int kMinKnots = 3;               // the interpolant's end slopes need three knots
+static_assert(FRC_DESIGN_LC_POINTS <= kMaxPoints && FRC_DESIGN_HP_POINTS <= kMaxPoints &&
+              FRC_DESIGN_EA_POINTS <= kMaxPoints);
 
 struct Table {
     const int32_t *freq;

@@ -13,20 +13,18 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <vector>
 
 #include "effect/sorn_hp_command.h"
 #include "effect/sorn_hp_entry.h"
 #include "wrapper/sorn_hp_params.h"
 
-#define FUZZ_CHECK(cond, ...)                                                                    \
-    do {                                                                                         \
-        if (!(cond)) {                                                                           \
-            std::fprintf(stderr, "%s:%d: invariant failed: %s: ", __FILE__, __LINE__, #cond);    \
-            std::fprintf(stderr, __VA_ARGS__);                                                   \
-            std::fputc('\n', stderr);                                                            \
-            std::abort();                                                                        \
-        }                                                                                        \
+#define FUZZ_CHECK(cond, ...)                                                                                  \
+    do {                                                                                                       \
+        if (cond) break;                                                                                       \
+        std::fprintf(stderr, "%s:%d: invariant failed: %s: ", __FILE__, __LINE__, #cond);                     \
+        std::fprintf(stderr, __VA_ARGS__), std::fputc('\n', stderr), std::abort();                           \
     } while (0)
 
 namespace sorn_fuzz {
@@ -40,22 +38,16 @@ inline void quiet_logs() {
     __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
 }
 
-// A heap block of exactly `size` bytes (malloc(0) gives a valid, empty block). Never a vector
-// with spare capacity: the redzone must start right after the last byte.
-class ExactBuffer {
-public:
-    explicit ExactBuffer(size_t size) : size_(size), data_(static_cast<uint8_t *>(std::malloc(size ? size : 1))) {}
-    ~ExactBuffer() { std::free(data_); }
-    ExactBuffer(const ExactBuffer &) = delete;
-    ExactBuffer &operator=(const ExactBuffer &) = delete;
-    uint8_t *data() { return data_; }
-    size_t size() const { return size_; }
-    std::vector<uint8_t> snapshot() const { return std::vector<uint8_t>(data_, data_ + size_); }
+// A heap block of exactly `size` bytes (an empty array for 0). Never a vector with spare
+// capacity: the redzone must start right after the last byte.
+struct ExactBuffer {
+    explicit ExactBuffer(size_t size) : bytes(size), block(new uint8_t[size]) {}
+    uint8_t *data() { return block.get(); }
+    size_t size() const { return bytes; }
+    std::vector<uint8_t> snapshot() const { return std::vector<uint8_t>(block.get(), block.get() + bytes); }
     bool equals(const std::vector<uint8_t> &s) const { return s == snapshot(); }
-
-private:
-    size_t size_;
-    uint8_t *data_;
+    size_t bytes;
+    std::unique_ptr<uint8_t[]> block;
 };
 
 inline size_t bytes_per_sample(uint32_t format) {  // 4 for formats that are not linear PCM
