@@ -303,17 +303,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         const int kind = fdp.ConsumeIntegralInRange(0, 15);
         if (in.h == nullptr) {
             if (kind < 12) do_create(fdp, in);
-        } else if (kind < 4) {
-            do_command(fdp, in, budget);
-        } else if (kind == 4) {
-            do_setup(fdp, in, budget);
-        } else if (kind < 12) {
-            do_process(fdp, in, budget);
-        } else if (kind == 12) {
-            do_describe(fdp, in);
-        } else if (kind == 13) {
-            do_release(in);
-        }
+        } else if (kind < 4) do_command(fdp, in, budget);
+        else if (kind == 4) do_setup(fdp, in, budget);
+        else if (kind < 12) do_process(fdp, in, budget);
+        else if (kind == 12) do_describe(fdp, in);
+        else if (kind == 13) do_release(in);
     }
     for (Instance &in : inst)
         if (in.h != nullptr) do_release(in);

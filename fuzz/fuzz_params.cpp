@@ -12,6 +12,8 @@
 // invalid frequency in a group in use gets the default taps with the FIR off; designed taps stay
 // below 3.0 in Q23 and their energy within the +7 dB the curve is limited to.
 #include <array>
+#include <functional>
+#include <numeric>
 
 #include "design/frc_curve.h"
 #include "dsp/sorn_hp_effect.h"
@@ -22,11 +24,7 @@ namespace {
 
 using sorn_fuzz::ExactBuffer;
 
-double tap_energy(const int32_t *taps) {
-    double e = 0.0;
-    for (int k = 0; k < ORLA_FIR_TAPS; ++k) e += static_cast<double>(taps[k]) * taps[k];
-    return e;
-}
+double tap_energy(const int32_t *t) { return std::inner_product(t, t + ORLA_FIR_TAPS, t, 0.0, std::plus<>(), std::multiplies<double>()); }
 
 void check_block(void *handle, const sorn_hp_params_t &p, const orla_earadapt_params_t &defaults) {
     ExactBuffer out(sizeof(sorn_hp_status_t));
@@ -84,11 +82,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const int rate = kRates[data[0] % kRates.size()], format_type = kFormatTypes[(data[0] >> 3) % kFormatTypes.size()];
     const int blocks = 1 + data[1] % 4;
     data += 2, size -= 2;
-    static orla_earadapt_params_t defaults = [] {
-        orla_earadapt_params_t d{};
-        earadapt_params_fill_bypass(&d);
-        return d;
-    }();
+    static const orla_earadapt_params_t defaults = [] { orla_earadapt_params_t d{}; return earadapt_params_fill_bypass(&d), d; }();
 
     void *handle = sorn_hp_wrapper_init(rate, format_type, 2);
     FUZZ_CHECK(handle != nullptr, "wrapper not made");

@@ -33,11 +33,8 @@ void fail(const char *what, long detail) {
     if (++g_failures <= 20) std::fprintf(stderr, "soak: %s (%ld)\n", what, detail);
 }
 
-struct Heap {
-    long long blocks;  // live heap blocks (allocation counter)
-    size_t bytes;      // bytes in use by the C library's allocator
-    long rss_kib;
-};
+// Live heap blocks (allocation counter), bytes in use by the C library's allocator, resident size.
+struct Heap { long long blocks; size_t bytes; long rss_kib; };
 
 Heap heap_now() {
     malloc_trim(0);
