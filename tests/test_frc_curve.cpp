@@ -1,6 +1,6 @@
 // Curve design on plain inputs: the taps against a build of the documented steps from the
-// general curve routine and the two design steps, and table repair. (The wrapper's entry and its log lines are
-// tested with the parameter block in test_params.)
+// general curve routine and the two design steps, and table repair. (The wrapper's entry and
+// the repair lines it logs are tested with the parameter block in test_params.)
 #include <gtest/gtest.h>
 
 #include <random>
@@ -60,18 +60,14 @@ TEST(FrcDesign, CleanTablesFollowTheDocumentedStepsExactly) {
         for (auto *v : {&g12, &h12, &g8})
             for (int &g : *v) g = int(rng() % 19) - 9;
         const std::vector<Group> groups{{kF12, g12}, {kF12, h12}, {kF8, g8}};
-        frc_design_report_t rep;
-        EXPECT_EQ(reference(rate, groups), design(rate, groups, &rep)) << rate;
-        EXPECT_TRUE(rep.knots[0] == 14 && rep.knots[1] == 14 && rep.knots[2] == 10 && !rep.repaired[2]);
+        EXPECT_EQ(reference(rate, groups), design(rate, groups)) << rate;
     }
 }
 
 TEST(FrcDesign, UnusableTablesAreRepaired) {
     std::vector<int> g{1, -3, 4, 2, 0, -2, 5, 1, 3, -1, 2, 0};
     const std::vector<int> sf(kF12.rbegin(), kF12.rend()), sg(g.rbegin(), g.rend());
-    frc_design_report_t rep;
-    EXPECT_EQ(design(48000, {{kF12, g}}), design(48000, {{sf, sg}}, &rep));  // order does not matter
-    EXPECT_TRUE(rep.repaired[0] == 1 && rep.knots[0] == 14 && rep.knots[1] == 0);
+    EXPECT_EQ(design(48000, {{kF12, g}}), design(48000, {{sf, sg}}));  // order does not matter
 
     // Coincident points merge to their mean gain, (1000, 2) + (1000, 4) to (1000, 3); zero
     // padding merges into one point at 0 Hz that takes the end knot's place.
@@ -79,10 +75,10 @@ TEST(FrcDesign, UnusableTablesAreRepaired) {
     EXPECT_EQ(reference(48000, {{}, {}, {{100, 1000, 5000, 9000, 12000, 15000, 18000}, {0, 3, 1, 1, 1, 1, 1}}}),
               design(48000, {{}, {}, {f8, {0, 2, 4, 1, 1, 1, 1, 1}}}));
     EXPECT_EQ(reference(44100, {{{100, 1600, 3100}, {0, 5, 0}}}),
-              design(44100, {{pad, {0, 5, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}}}, &rep));
-    EXPECT_TRUE(rep.repaired[0] == 1 && rep.knots[0] == 5);
+              design(44100, {{pad, {0, 5, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}}}));
 
-    // Nothing but 0 Hz and 22000 Hz: too few knots, the group adds 0 dB.
+    // Nothing but 0 Hz and 22000 Hz: too few knots, the group adds 0 dB (the report says so).
+    frc_design_report_t rep;
     EXPECT_EQ(design(48000, {{}, {kF12, std::vector<int>(12, 0)}}),
               design(48000, {{std::vector<int>(12, 0), std::vector<int>(12, 9)}, {kF12, std::vector<int>(12, 0)},
                              {std::vector<int>(8, 22000), std::vector<int>(8, 2)}}, &rep));
