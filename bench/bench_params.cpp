@@ -1,11 +1,13 @@
 // Cost of a parameter block on the command path: the whole set-parameters call with all three
-// groups in use, and its parts (the tap design alone, the minimum-phase step alone).
+// groups in use, and its parts (the wrapper's design entry, the design on plain inputs alone,
+// the minimum-phase step alone).
 #include <benchmark/benchmark.h>
 
 #include <vector>
 
 #include "design/frc_curve.h"
 #include "design/minimum_phase.h"
+#include "wrapper/sorn_hp_frc.h"
 #include "wrapper/sorn_hp_params.h"
 #include "wrapper/sorn_hp_wrapper.h"
 
@@ -44,6 +46,22 @@ void BM_UpdateFrcParams(benchmark::State &state) {
     sorn_hp_wrapper_deinit(w);
 }
 BENCHMARK(BM_UpdateFrcParams)->Unit(benchmark::kMicrosecond);
+
+void BM_FrcDesign(benchmark::State &state) {
+    const auto p = all_groups();
+    frc_design_input_t in{48000, p.lc, p.hp, p.ea, {}, {}, {}, {}, {}, {}};
+    for (int i = 0; i < 12; ++i) {
+        in.lc_freq[i] = int32_t(p.lc_freq[i]), in.lc_gain[i] = p.lc_gain[i];
+        in.hp_freq[i] = int32_t(p.hp_freq[i]), in.hp_gain[i] = p.hp_gain[i];
+    }
+    for (int i = 0; i < 8; ++i) in.ea_freq[i] = int32_t(p.ea_freq[i]), in.ea_gain[i] = p.ea_gain[i];
+    std::vector<int32_t> taps(FRC_DESIGN_TAPS);
+    for (auto _ : state) {
+        frc_design(&in, taps.data(), nullptr);
+        benchmark::DoNotOptimize(taps.data());
+    }
+}
+BENCHMARK(BM_FrcDesign)->Unit(benchmark::kMicrosecond);
 
 void BM_Line2mp(benchmark::State &state) {
     std::vector<double> in(513), out(513);

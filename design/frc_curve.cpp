@@ -9,8 +9,6 @@
 #include "design/cubic_interp.h"
 #include "design/minimum_phase.h"
 #include "platform/sat_math.h"
-#include "dsp/sorn_hp_effect.h"
-#include "platform/sorn_log.h"
 
 namespace {
 
@@ -20,9 +18,10 @@ constexpr int32_t kTopHz = 22000;
 constexpr int kMaxPoints = 12;
 constexpr int kMaxKnots = kMaxPoints + 2;  // the table plus the two end knots
 constexpr int kMinKnots = 3;               // the interpolant's end slopes need three knots
+static_assert(FRC_DESIGN_LC_POINTS <= kMaxPoints && FRC_DESIGN_HP_POINTS <= kMaxPoints &&
+              FRC_DESIGN_EA_POINTS <= kMaxPoints);
 
 struct Table {
-    const char *name;
     const int32_t *freq;
     const int32_t *gain;
     int points;
@@ -112,22 +111,16 @@ void interpolate(const Knots &k, const float *grid, float *out, int m) {
     cubicinterp_deinit(interp);
 }
 
-// One group's curve in dB on the design grid.
-void group_curve(const Table &t, const float *grid, Curve &curve) {
-    Knots k;
-    if (is_clean(t)) {
-        k = knots_as_given(t);
-    } else {
-        k = knots_repaired(t);
-        SORN_LOGW(SORN_LOG_TAG_CORE,
-                  "%s: %s table unordered or with coincident frequencies, designed from %d knots",
-                  "update_frc_params", t.name, k.n);
-        if (k.n < kMinKnots) {
-            SORN_LOGW(SORN_LOG_TAG_CORE, "%s: %s table has too few knots, group contributes 0 dB",
-                      "update_frc_params", t.name);
-            curve.fill(0.0f);
-            return;
-        }
+// One group's curve in dB on the design grid; notes in the report how it was built.
+void group_curve(const Table &t, const float *grid, Curve &curve, int group,
+                 frc_design_report_t &report) {
+    const bool clean = is_clean(t);
+    const Knots k = clean ? knots_as_given(t) : knots_repaired(t);
+    report.knots[group] = k.n;
+    report.repaired[group] = clean ? 0 : 1;
+    if (k.n < kMinKnots) {
+        curve.fill(0.0f);
+        return;
     }
     interpolate(k, grid, curve.data(), kBins);
     curve[0] = k.y[0];
@@ -135,20 +128,27 @@ void group_curve(const Table &t, const float *grid, Curve &curve) {
 
 }  // namespace
 
-extern "C" void update_frc_params(sorn_hp_wrapper_t *w) {
-    if (w == nullptr) return;
+extern "C" int frc_design(const frc_design_input_t *in, int32_t *taps,
+                          frc_design_report_t *report) {
+    frc_design_report_t r{};
+    if (report != nullptr) *report = r;
+    if (in == nullptr || taps == nullptr) return 0;
 
     Curve grid, total, lc_curve{}, hp_curve{}, ea_curve{};
-    const float rate = static_cast<float>(w->sample_rate);
+    const float rate = static_cast<float>(in->sample_rate);
     for (int k = 0; k < kBins; ++k) grid[k] = (static_cast<float>(k) * rate) * 0.0009765625f;
 
-    const bool use_lc = w->lc >= 1, use_hp = w->hp >= 1, use_ea = w->ea >= 1;
+    const bool use_lc = in->lc >= 1, use_hp = in->hp >= 1, use_ea = in->ea >= 1;
     if (use_lc)
-        group_curve({"lc", w->lc_freq, w->lc_gain, SORN_HP_LC_POINTS}, grid.data(), lc_curve);
+        group_curve({in->lc_freq, in->lc_gain, FRC_DESIGN_LC_POINTS}, grid.data(), lc_curve,
+                    FRC_GROUP_LC, r);
     if (use_hp)
-        group_curve({"hp", w->hp_freq, w->hp_gain, SORN_HP_HP_POINTS}, grid.data(), hp_curve);
+        group_curve({in->hp_freq, in->hp_gain, FRC_DESIGN_HP_POINTS}, grid.data(), hp_curve,
+                    FRC_GROUP_HP, r);
     if (use_ea)
-        group_curve({"ea", w->ea_freq, w->ea_gain, SORN_HP_EA_POINTS}, grid.data(), ea_curve);
+        group_curve({in->ea_freq, in->ea_gain, FRC_DESIGN_EA_POINTS}, grid.data(), ea_curve,
+                    FRC_GROUP_EA, r);
+    if (report != nullptr) *report = r;
 
     for (int k = 0; k < kBins; ++k) {
         float t = 0.0f;
@@ -166,22 +166,16 @@ extern "C" void update_frc_params(sorn_hp_wrapper_t *w) {
     }
 
     // The transforms leave their output untouched when they cannot get work memory; the
-    // not-a-number fill makes that visible, and the default taps are kept instead of silence.
-    std::array<double, ORLA_FIR_TAPS> linear, minimum;
+    // not-a-number fill makes that visible, and the caller's taps are left as they were.
+    std::array<double, FRC_DESIGN_TAPS> linear, minimum;
     linear.fill(std::numeric_limits<double>::quiet_NaN());
     minimum.fill(std::numeric_limits<double>::quiet_NaN());
-    coef_transform(total.data(), kFftSize, linear.data(), ORLA_FIR_TAPS);
-    line2mp(linear.data(), ORLA_FIR_TAPS, minimum.data(), ORLA_FIR_TAPS);
-    if (!std::all_of(minimum.begin(), minimum.end(), [](double v) { return std::isfinite(v); })) {
-        SORN_LOGW(SORN_LOG_TAG_CORE, "%s: design failed, default taps used", "update_frc_params");
-        earadapt_params_fill_bypass(&w->frc);
-        return;
-    }
-    for (int k = 0; k < ORLA_FIR_TAPS; ++k) {
-        const int32_t tap = sorn::sat_f2i32(minimum[k] * 8388608.0);
-        w->frc.coef_left[k] = tap;
-        w->frc.coef_right[k] = tap;
-    }
+    coef_transform(total.data(), kFftSize, linear.data(), FRC_DESIGN_TAPS);
+    line2mp(linear.data(), FRC_DESIGN_TAPS, minimum.data(), FRC_DESIGN_TAPS);
+    if (!std::all_of(minimum.begin(), minimum.end(), [](double v) { return std::isfinite(v); }))
+        return 0;
+    for (int k = 0; k < FRC_DESIGN_TAPS; ++k) taps[k] = sorn::sat_f2i32(minimum[k] * 8388608.0);
+    return 1;
 }
 
 extern "C" void clac_frc_curve(float *x, float *y, float *freq_out, float *curve_out, int nknots,

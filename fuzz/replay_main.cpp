@@ -13,38 +13,22 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv);
 
-namespace {
-
-bool run_file(const std::filesystem::path &path) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) return false;
-    const std::vector<uint8_t> input((std::istreambuf_iterator<char>(file)),
-                                     std::istreambuf_iterator<char>());
-    LLVMFuzzerTestOneInput(input.data(), input.size());
-    return true;
-}
-
-}  // namespace
-
 int main(int argc, char **argv) {
+    namespace fs = std::filesystem;
     LLVMFuzzerInitialize(&argc, &argv);
     int inputs = 0;
     for (int i = 1; i < argc; ++i) {
-        const std::filesystem::path arg(argv[i]);
-        std::vector<std::filesystem::path> files;
-        if (std::filesystem::is_directory(arg)) {
-            for (const auto &entry : std::filesystem::directory_iterator(arg)) {
-                if (entry.is_regular_file()) files.push_back(entry.path());
-            }
+        std::vector<fs::path> files{argv[i]};
+        if (fs::is_directory(files[0])) {
+            files.assign(fs::directory_iterator(argv[i]), fs::directory_iterator());
+            std::erase_if(files, [](const fs::path &p) { return !fs::is_regular_file(p); });
             std::sort(files.begin(), files.end());
-        } else {
-            files.push_back(arg);
         }
         for (const auto &f : files) {
-            if (!run_file(f)) {
-                std::fprintf(stderr, "cannot read %s\n", f.c_str());
-                return 2;
-            }
+            std::ifstream file(f, std::ios::binary);
+            if (!file) return std::fprintf(stderr, "cannot read %s\n", f.c_str()), 2;
+            const std::vector<uint8_t> input((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+            LLVMFuzzerTestOneInput(input.data(), input.size());
             ++inputs;
         }
     }

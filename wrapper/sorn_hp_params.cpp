@@ -11,9 +11,9 @@
 
 #include <cstring>
 
-#include "design/frc_curve.h"
 #include "dsp/sorn_hp_effect.h"
 #include "platform/sorn_log.h"
+#include "wrapper/sorn_hp_frc.h"
 #include "wrapper/sorn_hp_wrapper.h"
 
 namespace {
