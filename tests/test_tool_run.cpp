@@ -122,12 +122,14 @@ TEST_F(ToolFileRun, StreamedRunMatchesTheLibraryDrivenDirectly) {
     }
 }
 
-// The executable resamples when asked (the run above) and refuses a rate the effect does not
-// process. A file that cannot be read to its end (its header promises more than it holds; its
-// decoder finds it cut part way) is an error, and neither the output nor a temporary file is left.
+// The executable hands its options to the file run above (its output is that run's, sample for
+// sample) and refuses a rate the effect does not process. A file that cannot be read to its end
+// (its header promises more than it holds; its decoder finds it cut part way) is an error, and
+// neither the output nor a temporary file is left.
 TEST_F(ToolFileRun, RateOptionAndFilesCutShort) {
     const struct { const char *name, *args; int code; const char *message; } cases[] = {
-        {"in.wav", "--rate 48000", 0, "in.wav is at 96000 Hz: resampled to 48000 Hz before the effect"},
+        {"in.wav", "--rate 48000 --frames 100 --device usb-headset", 0,
+         "in.wav is at 96000 Hz: resampled to 48000 Hz before the effect"},
         {"in.wav", "--rate 96000", 1, "--rate 96000: give a rate the effect processes (44050 to 48050 Hz)"},
         {"cut.wav", "--rate 48000", 2, "cut.wav: cannot read to its end: its header declares"},
         {"cut.flac", "--rate 48000", 2, "cut.flac: cannot read to its end"},
@@ -144,6 +146,20 @@ TEST_F(ToolFileRun, RateOptionAndFilesCutShort) {
         std::ifstream e(at("err.txt"));
         const std::string err{std::istreambuf_iterator<char>(e), std::istreambuf_iterator<char>()};
         EXPECT_TRUE(has(err, c.message)) << err;
+        if (c.code == 0) {
+            AudioReader reader;
+            RunReport report;
+            AudioBuffer tool_out, want;
+            std::string error;
+            const RunSettings s{tuning_from_json(builtin_tuning_json(), "built-in").params, false,
+                                AUDIO_DEVICE_OUT_USB_HEADSET, AUDIO_MODE_NORMAL, 100, 16384, {}};
+            ASSERT_TRUE(audio_reader_open(reader, at(c.name), SampleFormat::f32, error) &&
+                        effect_run_file(library(), reader, SampleFormat::f32, 48000, at("want.wav"), s, report, error) &&
+                        audio_read(at("want.wav"), SampleFormat::f32, want, error) &&
+                        audio_read(at("out.wav"), SampleFormat::f32, tool_out, error)) << error;
+            EXPECT_TRUE(tool_out.f32 == want.f32 && tool_out.rate == 48000);
+            fs::remove(at("want.wav"));
+        }
         // The input, the messages and, only on success, the output: no temporary file.
         EXPECT_EQ(c.code == 0 ? 3 : 2, std::distance(fs::directory_iterator(dir), fs::directory_iterator()));
         fs::remove(at(c.name)), fs::remove(at("out.wav"));
