@@ -36,14 +36,10 @@ TEST(EffectProcess, RefusalsTouchNothingAndPassThroughIsExact) {
 TEST(EffectProcess, CrossFadesOver2048FramesAfterEnableAndDisable) {
     Effect a, b;
     std::vector<int32_t> zeros(2 * kCall), out_a(2 * kCall), out_b(2 * kCall);
-    for (Effect *fx : {&a, &b}) {
-        fx->make_ready();
-        ASSERT_EQ(fx->status_cmd(EFFECT_CMD_ENABLE), 0);
-    }
+    a.make_active(AUDIO_FORMAT_PCM_32_BIT, 0, {});
+    b.make_active(AUDIO_FORMAT_PCM_32_BIT, 0, {});
     for (int call = 0; call < 18; ++call) {
-        if (call == 9) {
-            ASSERT_EQ(a.set_bypass(1), 0);  // a fades back out
-        }
+        if (call == 9) ASSERT_EQ(a.set_bypass(1), 0);  // a fades back out
         ASSERT_EQ(a.process(zeros.data(), out_a.data(), kCall), 0);
         ASSERT_EQ(b.process(zeros.data(), out_b.data(), kCall), 0);
     }
@@ -52,9 +48,7 @@ TEST(EffectProcess, CrossFadesOver2048FramesAfterEnableAndDisable) {
 
     bool processed_differs = false;
     for (int call = 0; call < 24; ++call) {  // fading in over nine calls; out after call 12
-        if (call == 12) {
-            ASSERT_EQ(a.status_cmd(EFFECT_CMD_DISABLE), 0);
-        }
+        if (call == 12) ASSERT_EQ(a.status_cmd(EFFECT_CMD_DISABLE), 0);
         std::vector<int32_t> in = tone(kCall, call * kCall);
         ASSERT_EQ(a.process(in.data(), out_a.data(), kCall), call < 12 ? 0 : -61);
         ASSERT_EQ(b.process(in.data(), out_b.data(), kCall), 0);
@@ -98,8 +92,7 @@ TEST(EffectProcess, AccumulatesInEveryOutputFormat) {
 TEST(EffectProcess, SteadyStateAllocatesNothing) {
     if (!sorn_test::AllocCounter::available()) GTEST_SKIP() << "allocator owned by a sanitizer";
     Effect fx;
-    fx.make_ready(AUDIO_FORMAT_PCM_16_BIT);
-    ASSERT_EQ(fx.status_cmd(EFFECT_CMD_ENABLE), 0);
+    fx.make_active(AUDIO_FORMAT_PCM_16_BIT);
     std::vector<int16_t> in(2 * kCall, 3000), out(2 * kCall);
     ASSERT_EQ(fx.process(in.data(), out.data(), kCall), 0);
     sorn_test::AllocCounter allocs;
