@@ -15,9 +15,8 @@ TEST(EffectCommand, LifecycleAndBufferChecks) {
     int32_t reply = 0x5A5A5A5A;
     uint32_t size = 8, zero = 0, word[2] = {1u << 24, 1u << 24};
     EXPECT_EQ(fx.cmd(EFFECT_CMD_ENABLE, 0, nullptr, &size, &reply), -22) << "a reply other than 4 bytes";
-    const std::pair<uint32_t, int32_t> steps[] = {{EFFECT_CMD_DISABLE, -38}, {EFFECT_CMD_ENABLE, 0},
-                                                  {EFFECT_CMD_ENABLE, -38}, {EFFECT_CMD_DISABLE, 0},
-                                                  {EFFECT_CMD_DISABLE, -38}};
+    const std::pair<uint32_t, int32_t> steps[] = {{EFFECT_CMD_DISABLE, -38}, {EFFECT_CMD_ENABLE, 0}, {EFFECT_CMD_ENABLE, -38},
+                                                  {EFFECT_CMD_DISABLE, 0}, {EFFECT_CMD_DISABLE, -38}};
     for (const auto &[code, result] : steps) EXPECT_EQ(fx.status_cmd(code), result) << code;
     effect_config_t c = sorn_test::make_config(AUDIO_FORMAT_PCM_FLOAT);
     EXPECT_EQ(fx.status_cmd(EFFECT_CMD_SET_CONFIG, 111, &c), -22);
@@ -43,25 +42,16 @@ TEST(EffectCommand, ConfigurationChecks) {
     Effect fx;
     // Channels, access modes, and formats: in and out must match, and 8-bit and packed 24-bit
     // have no output conversion, so the framework must fall back.
-    const struct {
-        uint32_t channels;
-        uint8_t in_access, out_access, in_format, out_format;
-        const char *line;
-    } refusals[] = {{AUDIO_CHANNEL_OUT_MONO, 1, 0, 5, 5, "configure: channels configure error"},
-                    {AUDIO_CHANNEL_OUT_STEREO, 1, 1, 5, 5, "configure: accessMode configure error"},
-                    {AUDIO_CHANNEL_OUT_STEREO, 0, 0, 5, 5, "configure: accessMode configure error"},
-                    {AUDIO_CHANNEL_OUT_STEREO, 1, 0, 5, 1, "configure: format configure error"},
-                    {AUDIO_CHANNEL_OUT_STEREO, 1, 0, 2, 2, "configure: format configure error"},
-                    {AUDIO_CHANNEL_OUT_STEREO, 1, 0, 6, 6, "configure: format configure error"}};
+    const struct { uint32_t channels; uint8_t in_access, out_access, in_format, out_format; const char *what; } refusals[] = {
+        {AUDIO_CHANNEL_OUT_MONO, 1, 0, 5, 5, "channels"}, {AUDIO_CHANNEL_OUT_STEREO, 1, 1, 5, 5, "accessMode"},
+        {AUDIO_CHANNEL_OUT_STEREO, 0, 0, 5, 5, "accessMode"}, {AUDIO_CHANNEL_OUT_STEREO, 1, 0, 5, 1, "format"},
+        {AUDIO_CHANNEL_OUT_STEREO, 1, 0, 2, 2, "format"}, {AUDIO_CHANNEL_OUT_STEREO, 1, 0, 6, 6, "format"}};
     for (const auto &r : refusals) {
-        effect_config_t c = sorn_test::make_config(r.in_format);
-        c.inputCfg.channels = r.channels;
-        c.inputCfg.accessMode = r.in_access;
-        c.outputCfg.accessMode = r.out_access;
-        c.outputCfg.format = r.out_format;
+        effect_config_t c = sorn_test::make_config(r.in_format, 48000, r.out_access);
+        c.inputCfg.channels = r.channels, c.inputCfg.accessMode = r.in_access, c.outputCfg.format = r.out_format;
         log.clear();
-        EXPECT_EQ(fx.configure(c), -22) << r.line;
-        EXPECT_EQ(log.count(r.line, ANDROID_LOG_WARN, kTag), 1) << r.line;
+        EXPECT_EQ(fx.configure(c), -22) << r.what;
+        EXPECT_EQ(log.count("configure: " + std::string(r.what) + " configure error", ANDROID_LOG_WARN, kTag), 1) << r.what;
     }
     int16_t buf[4] = {1, 2, 3, 4};
     EXPECT_EQ(fx.process(buf, buf + 2, 1), -22) << "a refused configuration stops processing";
@@ -84,8 +74,7 @@ TEST(EffectCommand, ConfigurationChecks) {
 TEST(EffectCommand, OutputSwitchFollowsEveryEvent) {
     sorn_test::LogCapture log;
     Effect fx;
-    fx.make_ready();
-    ASSERT_EQ(fx.status_cmd(EFFECT_CMD_ENABLE), 0);
+    fx.make_active(AUDIO_FORMAT_PCM_32_BIT, 0, {});
     EXPECT_TRUE(fx.active());
     log.clear();
     EXPECT_EQ(fx.set_u32(EFFECT_CMD_SET_DEVICE, AUDIO_DEVICE_OUT_WIRED_HEADPHONE), 0);

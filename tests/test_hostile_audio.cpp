@@ -2,6 +2,7 @@
 // squares and DC at the rails in every format, and commands whose cmdSize is shorter than what
 // they claim to carry. (Accumulation onto any output is also covered by the fuzz replays.)
 #include <algorithm>
+#include <bit>
 #include <limits>
 #include <memory>
 
@@ -11,14 +12,7 @@ namespace {
 
 using sorn_test::Effect;
 constexpr size_t kCall = 480;
-constexpr float kInf = std::numeric_limits<float>::infinity();
-constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
-
-float from_bits(uint32_t b) {
-    float f;
-    std::memcpy(&f, &b, sizeof f);
-    return f;
-}
+constexpr float kInf = std::numeric_limits<float>::infinity(), kNaN = std::numeric_limits<float>::quiet_NaN();
 
 // A NaN counts as silence and an infinity as the rail of its sign, whatever the processor's
 // float conversion does with them (x86 makes a NaN a full-scale negative sample). Checked
@@ -27,7 +21,7 @@ float from_bits(uint32_t b) {
 TEST(HostileAudio, NaNIsSilenceAndInfinitiesAreTheRails) {
     Effect plain;
     ASSERT_EQ(plain.configure(AUDIO_FORMAT_PCM_FLOAT), 0);
-    std::vector<float> in = {kNaN, -kNaN, kInf, -kInf, 1e30f, -1e30f, 1e-40f, from_bits(0x7F800001)};
+    std::vector<float> in = {kNaN, -kNaN, kInf, -kInf, 1e30f, -1e30f, 1e-40f, std::bit_cast<float>(0x7F800001u)};
     std::vector<float> out(in.size(), 0.5f);
     ASSERT_EQ(plain.process(in.data(), out.data(), in.size() / 2), -61);
     EXPECT_EQ(out, std::vector<float>({0.0f, 0.0f, 1.0f, -1.0f, 1.0f, -1.0f, 0.0f, 0.0f}));
@@ -35,7 +29,7 @@ TEST(HostileAudio, NaNIsSilenceAndInfinitiesAreTheRails) {
     Effect hostile, clean;
     hostile.make_active(AUDIO_FORMAT_PCM_FLOAT);
     clean.make_active(AUDIO_FORMAT_PCM_FLOAT);
-    const float nans[] = {kNaN, -kNaN, from_bits(0x7F800001), from_bits(0xFFFFFFFF)};
+    const float nans[] = {kNaN, -kNaN, std::bit_cast<float>(0x7F800001u), std::bit_cast<float>(0xFFFFFFFFu)};
     float nan_peak = 0.0f, peak = 0.0f;
     for (size_t call = 0; call < 48; ++call) {  // NaNs only, then infinities too, then music
         std::vector<float> h(2 * kCall), c(2 * kCall), out_h(2 * kCall), out_c(2 * kCall);
