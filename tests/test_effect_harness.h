@@ -22,8 +22,8 @@ inline constexpr effect_uuid_t kSornUuid = {0x40050b20, 0x6999, 0x11e0, 0xb0d8,
 
 inline effect_config_t make_config(uint32_t format, uint32_t rate = 48000,
                                    uint8_t out_access = EFFECT_BUFFER_ACCESS_WRITE) {
-    const buffer_config_t in = {.samplingRate = rate, .channels = AUDIO_CHANNEL_OUT_STEREO,
-                                .format = static_cast<uint8_t>(format), .accessMode = EFFECT_BUFFER_ACCESS_READ};
+    const buffer_config_t in = {.buffer = {}, .samplingRate = rate, .channels = AUDIO_CHANNEL_OUT_STEREO, .bufferProvider = {},
+                                .format = static_cast<uint8_t>(format), .accessMode = EFFECT_BUFFER_ACCESS_READ, .mask = 0};
     effect_config_t c = {in, in};
     c.outputCfg.accessMode = out_access;
     return c;

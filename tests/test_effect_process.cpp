@@ -39,7 +39,7 @@ TEST(EffectProcess, CrossFadesOver2048FramesAfterEnableAndDisable) {
     a.make_active(AUDIO_FORMAT_PCM_32_BIT, 0, {});
     b.make_active(AUDIO_FORMAT_PCM_32_BIT, 0, {});
     for (int call = 0; call < 18; ++call) {
-        if (call == 9) ASSERT_EQ(a.set_bypass(1), 0);  // a fades back out
+        ASSERT_EQ(call == 9 ? a.set_bypass(1) : 0, 0);  // a fades back out
         ASSERT_EQ(a.process(zeros.data(), out_a.data(), kCall), 0);
         ASSERT_EQ(b.process(zeros.data(), out_b.data(), kCall), 0);
     }
@@ -48,7 +48,7 @@ TEST(EffectProcess, CrossFadesOver2048FramesAfterEnableAndDisable) {
 
     bool processed_differs = false;
     for (int call = 0; call < 24; ++call) {  // fading in over nine calls; out after call 12
-        if (call == 12) ASSERT_EQ(a.status_cmd(EFFECT_CMD_DISABLE), 0);
+        ASSERT_EQ(call == 12 ? a.status_cmd(EFFECT_CMD_DISABLE) : 0, 0);
         std::vector<int32_t> in = tone(kCall, call * kCall);
         ASSERT_EQ(a.process(in.data(), out_a.data(), kCall), call < 12 ? 0 : -61);
         ASSERT_EQ(b.process(in.data(), out_b.data(), kCall), 0);

@@ -24,17 +24,16 @@ uint64_t run_script(int id) {
     for (int round = 0; round < 3; ++round) {
         const audio_format_t format = kFormats[(id + round) % 4];
         Effect fx;
-        EXPECT_EQ(fx.configure(format, (id + round) % 2 ? 44100 : 48000), 0);
         const sorn_hp_params_t first = sorn_test::steep_tuning(id + round), next = sorn_test::steep_tuning(id + round + 1);
+        EXPECT_EQ(fx.configure(format, (id + round) % 2 ? 44100 : 48000), 0);
         EXPECT_EQ(fx.set_param(100, &first, sizeof first), 0);
         EXPECT_EQ(fx.set_u32(EFFECT_CMD_SET_DEVICE, AUDIO_DEVICE_OUT_BLUETOOTH_A2DP), 0);
         EXPECT_EQ(fx.status_cmd(EFFECT_CMD_ENABLE), 0);
         for (int call = 0; call < 24; ++call) {
-            int32_t r = 0;
-            if (call == 8) r = fx.set_param(100, &next, sizeof next);
-            if (call == 12) r = fx.set_u32(EFFECT_CMD_SET_AUDIO_MODE, AUDIO_MODE_IN_CALL);
-            if (call == 16) r = fx.set_u32(EFFECT_CMD_SET_AUDIO_MODE, AUDIO_MODE_NORMAL);
-            if (call == 20) r = fx.set_u32(EFFECT_CMD_SET_DEVICE, AUDIO_DEVICE_OUT_USB_HEADSET);
+            const int32_t r = call == 8    ? fx.set_param(100, &next, sizeof next)
+                              : call == 12 ? fx.set_u32(EFFECT_CMD_SET_AUDIO_MODE, AUDIO_MODE_IN_CALL)
+                              : call == 16 ? fx.set_u32(EFFECT_CMD_SET_AUDIO_MODE, AUDIO_MODE_NORMAL)
+                              : call == 20 ? fx.set_u32(EFFECT_CMD_SET_DEVICE, AUDIO_DEVICE_OUT_USB_HEADSET) : 0;
             EXPECT_EQ(r, 0) << call;
             std::vector<int32_t> in = sorn_test::tone(kCall, call * kCall * (id + 1)), out(in.size());
             memcpy_by_audio_format(in.data(), AUDIO_FORMAT_PCM_FLOAT, in.data(), AUDIO_FORMAT_PCM_32_BIT, in.size());
@@ -43,7 +42,6 @@ uint64_t run_script(int id) {
             const auto *p = reinterpret_cast<const uint8_t *>(out.data());
             for (size_t i = 0; i < in.size() * audio_bytes_per_sample(format); ++i) hash = (hash ^ p[i]) * 0x100000001b3ull;
         }
-        EXPECT_TRUE(sorn_test::has(fx.status_text(), "en: 1"));
         EXPECT_EQ(fx.status_cmd(EFFECT_CMD_DISABLE), 0);
         EXPECT_EQ(fx.release(), 0);
     }
