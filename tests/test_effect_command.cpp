@@ -1,6 +1,8 @@
 // Command handler: checks and results of the command table, the output switch, the private
-// parameters and the status text, with commands filled the way real callers fill them. (Commands
-// cut shorter than what they claim to carry are covered in test_hostile_audio.)
+// parameters and the status text, with commands filled the way real callers fill them and cut
+// shorter than what they claim to carry.
+#include <memory>
+
 #include "tests/support/log_capture.h"
 #include "tests/test_effect_harness.h"
 
@@ -109,10 +111,21 @@ TEST(EffectCommand, ParameterBlockAndStatusText) {
               "en: 0  bypass: 0  pmi: 0  mode: 0  dev: 0x0  state: 0  mute: 0\n"
               "lc: 0  ss: 0  ea: 0  hp: 0  check: 0  ver: Release 20260104_1.23");
     ASSERT_EQ(fx.configure(AUDIO_FORMAT_PCM_FLOAT), 0);
-    std::vector<char> block(400, 0);
-    EXPECT_EQ(fx.set_param(100, block.data(), 291), -22);
+    // Commands are read only up to cmdSize; each buffer here is exactly cmdSize bytes, so the
+    // sanitizer builds also see any byte read past it. {words, cmdSize, result}: a header without
+    // the id; a whole 16-bit bypass word; a 4-byte one with 2 bytes present; a block of 291 bytes;
+    // one claiming 292 but bringing 84.
+    const struct { std::vector<uint32_t> words; size_t bytes; int32_t result; } cases[] = {
+        {{0, 4, 4}, 12, -22}, {{0, 4, 2, 900, 0}, 18, 0}, {{0, 4, 4, 900, 1}, 18, -22},
+        {{0, 4, 291, 100}, 16 + 291, -22}, {{0, 4, 292, 100}, 100, -22}};
+    for (const auto &c : cases) {
+        auto p = std::make_unique<uint8_t[]>(c.bytes);
+        std::memcpy(p.get(), c.words.data(), std::min(c.bytes, c.words.size() * 4));
+        EXPECT_EQ(fx.status_cmd(EFFECT_CMD_SET_PARAM, static_cast<uint32_t>(c.bytes), p.get()), c.result) << c.bytes;
+    }
     EXPECT_EQ(log.count_containing("sorn_hp_wrapper_set_parameters"), 0) << "nothing applied";
-    EXPECT_TRUE(has(fx.status_text(), "pmi: 0")) << "nothing stored";
+    EXPECT_TRUE(has(fx.status_text(), "bypass: 0  pmi: 0")) << "nothing stored";
+    std::vector<char> block(400, 0);
     EXPECT_EQ(fx.set_param(100, block.data(), 292), 0);
     EXPECT_EQ(fx.set_param(100, block.data(), 400), 0) << "longer: its first 292 bytes count";
     EXPECT_EQ(log.count("params loaded, size 292", ANDROID_LOG_DEBUG, kTag), 1);
@@ -120,10 +133,13 @@ TEST(EffectCommand, ParameterBlockAndStatusText) {
     EXPECT_EQ(log.count_containing("sorn_hp_wrapper_set_parameters"), 2);
     EXPECT_EQ(fx.set_param(555, block.data(), 4), 0) << "unknown ids are accepted";
 
-    uint32_t query[5] = {0, 4, 1024, 201, 0}, size = 19;
+    uint32_t query[5] = {0, 4, 1024, 201, 0}, header[3] = {0, 4, 4}, size = 19;  // header: cut before the id
     char reply[64];
-    EXPECT_EQ(fx.cmd(EFFECT_CMD_GET_PARAM, 16, query, &size, reply), -22);
     std::memset(reply, 0x5A, sizeof reply);
+    EXPECT_EQ(fx.cmd(EFFECT_CMD_GET_PARAM, 16, query, &size, reply), -22);
+    size = sizeof reply;
+    EXPECT_EQ(fx.cmd(EFFECT_CMD_GET_PARAM, 12, header, &size, reply), -22);
+    EXPECT_EQ(std::string(reply, sizeof reply), std::string(sizeof reply, 0x5A)) << "refusals write nothing";
     size = 40;  // the text is cut to fit, terminated, and nothing beyond is written
     EXPECT_EQ(fx.cmd(EFFECT_CMD_GET_PARAM, 16, query, &size, reply), 0);
     EXPECT_EQ(size, 40u);
