@@ -64,10 +64,14 @@ TEST(EffectProcess, CrossFadesOver2048FramesAfterEnableAndDisable) {
     EXPECT_TRUE(processed_differs) << "the reference must really be processed";
 }
 
+// Each 4-sample pattern is repeated to 36 samples, so that any vector loop and its tail both
+// see every case.
 template <typename T>
-void expect_accumulates(Effect &fx, uint32_t format, std::vector<T> in, std::vector<T> prev,
-                        const std::vector<T> &sum) {
+void expect_accumulates(Effect &fx, uint32_t format, std::vector<T> in, std::vector<T> prev, std::vector<T> sum) {
     SCOPED_TRACE(format);
+    for (auto *v : {&in, &prev, &sum}) {
+        for (size_t i = 4; i < 36; ++i) v->push_back((*v)[i - 4]);
+    }
     ASSERT_EQ(fx.configure(format, 48000, EFFECT_BUFFER_ACCESS_ACCUMULATE), 0);
     ASSERT_EQ(fx.process(in.data(), prev.data(), in.size() / 2), -61);
     EXPECT_EQ(prev, sum);
