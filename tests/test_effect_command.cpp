@@ -20,14 +20,11 @@ TEST(EffectEntry, EverySourceGivesTheSameDescriptorByteForByte) {
     const effect_descriptor_t want = {kSornUuid, kSornUuid, 0x00020000u, 0x00040210u, 0, 1,
                                       "SORN HP For Ambrel", "Release 20260104_1.23"};
     Effect fx;
-    for (int source = 0; source < 3; ++source) {
-        effect_descriptor_t d;
-        std::memset(&d, 0xAA, sizeof d);  // every byte must be written, padding of the names too
-        ASSERT_EQ(source == 0   ? AELI.get_descriptor(&kSornUuid, &d)
-                  : source == 1 ? EffectQueryEffect(0, &d)
-                                : (*fx.h)->get_descriptor(fx.h, &d), 0);
-        EXPECT_EQ(std::memcmp(&d, &want, sizeof d), 0) << "source " << source;
-    }
+    effect_descriptor_t d[3];
+    std::memset(d, 0xAA, sizeof d);  // every byte must be written, padding of the names too
+    for (int32_t r : {AELI.get_descriptor(&kSornUuid, &d[0]), EffectQueryEffect(0, &d[1]), (*fx.h)->get_descriptor(fx.h, &d[2])})
+        EXPECT_EQ(r, 0);
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(std::memcmp(&d[i], &want, sizeof want), 0) << "source " << i;
     uint32_t count = 0;
     EXPECT_EQ(EffectQueryNumberEffects(&count), 0);
     EXPECT_EQ(count, 1u);
@@ -41,12 +38,10 @@ TEST(EffectEntry, CreateAndReleaseResults) {
     effect_handle_t h = nullptr;
     EXPECT_EQ(EffectCreate(&other, 0, 0, &h), -2);
     EXPECT_EQ(h, nullptr);
-    EXPECT_EQ(EffectCreate(nullptr, 0, 0, &h), -22);
-    EXPECT_EQ(EffectCreate(&kSornUuid, 0, 0, nullptr), -22);
-    EXPECT_EQ(EffectGetDescriptor(&other, &d), -22);
-    EXPECT_EQ(EffectQueryEffect(1, &d), -22);
-    EXPECT_EQ(EffectQueryEffect(0, nullptr), -22);
-    EXPECT_EQ(EffectRelease(nullptr), -22);
+    for (int i = 0; int32_t r : {EffectCreate(nullptr, 0, 0, &h), EffectCreate(&kSornUuid, 0, 0, nullptr),
+                                 EffectGetDescriptor(&other, &d), EffectQueryEffect(1, &d), EffectQueryEffect(0, nullptr),
+                                 EffectRelease(nullptr)})
+        EXPECT_EQ(r, -22) << "call " << i++;
     EXPECT_TRUE(log.lines().empty());
     EXPECT_EQ(EffectGetDescriptor(nullptr, &d), -22);
     EXPECT_EQ(log.count("EffectGetDescriptor() called with NULL pointer", ANDROID_LOG_WARN, kTag), 1);
@@ -62,22 +57,22 @@ TEST(EffectCommand, LifecycleAndBufferChecks) {
     Effect fx;
     int32_t reply = 0x5A5A5A5A;
     uint32_t size = 8, zero = 0, word[2] = {1u << 24, 1u << 24};
-    EXPECT_EQ(fx.cmd(EFFECT_CMD_ENABLE, 0, nullptr, &size, &reply), -22) << "a reply other than 4 bytes";
+    effect_config_t c = sorn_test::make_config(AUDIO_FORMAT_PCM_FLOAT);
+    // A reply other than 4 bytes, a wrong size, no reply, no instance.
+    auto no_reply = [&](uint32_t code, uint32_t size, void *data) { return fx.cmd(code, size, data, nullptr, nullptr); };
+    for (int i = 0; int32_t r : {fx.cmd(EFFECT_CMD_ENABLE, 0, nullptr, &size, &reply), fx.status_cmd(EFFECT_CMD_SET_CONFIG, 111, &c),
+                                 no_reply(EFFECT_CMD_SET_CONFIG, sizeof c, &c), no_reply(EFFECT_CMD_SET_PARAM, 20, word),
+                                 no_reply(EFFECT_CMD_GET_PARAM, 16, word),
+                                 (*fx.h)->command(nullptr, EFFECT_CMD_INIT, 0, nullptr, nullptr, nullptr)})
+        EXPECT_EQ(r, -22) << "call " << i++;
     const std::pair<uint32_t, int32_t> steps[] = {{EFFECT_CMD_DISABLE, -38}, {EFFECT_CMD_ENABLE, 0}, {EFFECT_CMD_ENABLE, -38},
                                                   {EFFECT_CMD_DISABLE, 0}, {EFFECT_CMD_DISABLE, -38}};
     for (const auto &[code, result] : steps) EXPECT_EQ(fx.status_cmd(code), result) << code;
-    effect_config_t c = sorn_test::make_config(AUDIO_FORMAT_PCM_FLOAT);
-    EXPECT_EQ(fx.status_cmd(EFFECT_CMD_SET_CONFIG, 111, &c), -22);
-    EXPECT_EQ(fx.cmd(EFFECT_CMD_SET_CONFIG, sizeof c, &c, nullptr, nullptr), -22);
-    EXPECT_EQ((*fx.h)->command(nullptr, EFFECT_CMD_INIT, 0, nullptr, nullptr, nullptr), -22);
-    EXPECT_EQ(fx.cmd(EFFECT_CMD_SET_PARAM, 20, word, nullptr, nullptr), -22);
-    EXPECT_EQ(fx.cmd(EFFECT_CMD_GET_PARAM, 16, word, nullptr, nullptr), -22);
-
     // The HIDL HAL sends these with null reply pointers, its generic path with reply size 0.
     for (uint32_t code : {EFFECT_CMD_INIT, EFFECT_CMD_RESET, EFFECT_CMD_SET_VOLUME,
                           EFFECT_CMD_SET_INPUT_DEVICE, EFFECT_CMD_DUMP, EFFECT_CMD_SET_DEVICE,
                           EFFECT_CMD_SET_AUDIO_MODE, EFFECT_CMD_FIRST_PROPRIETARY}) {
-        EXPECT_EQ(fx.cmd(code, 4, word, nullptr, nullptr), 0) << code;
+        EXPECT_EQ(no_reply(code, 4, word), 0) << code;
         EXPECT_EQ(fx.cmd(code, 4, word, &zero, &reply), 0) << code;
     }
     EXPECT_EQ(reply, 0x5A5A5A5A);

@@ -111,7 +111,8 @@ struct Effect {
 inline std::vector<int32_t> tone(size_t frames, size_t first = 0) {
     std::vector<int32_t> v(frames * 2);
     for (size_t i = 0; i < v.size(); ++i)
-        v[i] = static_cast<int32_t>(5e8 * std::sin(2 * M_PI * (i % 2 ? 1000.0 : 440.0) * (static_cast<double>(first + i / 2) / 48000.0)));
+        v[i] = static_cast<int32_t>(5e8 * std::sin(2 * M_PI * (i % 2 ? 1000.0 : 440.0) *
+                                                   (static_cast<double>(first + i / 2) / 48000.0)));
     return v;
 }
 
