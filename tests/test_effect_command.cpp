@@ -15,11 +15,17 @@ using sorn_test::has;
 using sorn_test::kSornUuid;
 const std::string kTag = "_O_sorn_hp_sfx";
 
-TEST(EffectEntry, EverySourceGivesTheSameDescriptorByteForByte) {
+// Every test gets an instance and the log lines from its creation on.
+struct EffectCommand : testing::Test {
+    sorn_test::LogCapture log;
+    Effect fx;
+};
+using EffectEntry = EffectCommand;
+
+TEST_F(EffectEntry, EverySourceGivesTheSameDescriptorByteForByte) {
     // Insert, last, device and audio mode indication; 1 KB; names zero-padded.
     const effect_descriptor_t want = {kSornUuid, kSornUuid, 0x00020000u, 0x00040210u, 0, 1,
                                       "SORN HP For Ambrel", "Release 20260104_1.23"};
-    Effect fx;
     effect_descriptor_t d[3];
     std::memset(d, 0xAA, sizeof d);  // every byte must be written, padding of the names too
     for (int32_t r : {AELI.get_descriptor(&kSornUuid, &d[0]), EffectQueryEffect(0, &d[1]), (*fx.h)->get_descriptor(fx.h, &d[2])})
@@ -30,8 +36,8 @@ TEST(EffectEntry, EverySourceGivesTheSameDescriptorByteForByte) {
     EXPECT_EQ(count, 1u);
 }
 
-TEST(EffectEntry, CreateAndReleaseResults) {
-    sorn_test::LogCapture log;
+TEST_F(EffectEntry, CreateAndReleaseResults) {
+    log.clear();
     effect_uuid_t other = kSornUuid;
     other.node[5] ^= 1;
     effect_descriptor_t d;
@@ -53,8 +59,7 @@ TEST(EffectEntry, CreateAndReleaseResults) {
     EXPECT_EQ(EffectRelease(h), 0) << "never configured: nothing but the context to free";
 }
 
-TEST(EffectCommand, LifecycleAndBufferChecks) {
-    Effect fx;
+TEST_F(EffectCommand, LifecycleAndBufferChecks) {
     int32_t reply = 0x5A5A5A5A;
     uint32_t size = 8, zero = 0, word[2] = {1u << 24, 1u << 24};
     effect_config_t c = sorn_test::make_config(AUDIO_FORMAT_PCM_FLOAT);
@@ -80,9 +85,7 @@ TEST(EffectCommand, LifecycleAndBufferChecks) {
     EXPECT_TRUE(has(fx.status_text(), "mode: -2  dev: 0x1000000"));
 }
 
-TEST(EffectCommand, ConfigurationChecks) {
-    sorn_test::LogCapture log;
-    Effect fx;
+TEST_F(EffectCommand, ConfigurationChecks) {
     // Channels, access modes, and formats: in and out must match, and 8-bit and packed 24-bit
     // have no output conversion, so the framework must fall back.
     const struct { uint32_t channels; uint8_t in_access, out_access, in_format, out_format; const char *what; } refusals[] = {
@@ -114,9 +117,7 @@ TEST(EffectCommand, ConfigurationChecks) {
 
 // Every event re-decides the output: only one supported device, the normal mode and bypass off.
 // Re-sending the current device or mode changes nothing (no chain reset, no line for the mode).
-TEST(EffectCommand, OutputSwitchFollowsEveryEvent) {
-    sorn_test::LogCapture log;
-    Effect fx;
+TEST_F(EffectCommand, OutputSwitchFollowsEveryEvent) {
     fx.make_active(AUDIO_FORMAT_PCM_32_BIT, 0, {});
     EXPECT_TRUE(fx.active());
     log.clear();
@@ -145,9 +146,7 @@ TEST(EffectCommand, OutputSwitchFollowsEveryEvent) {
     }
 }
 
-TEST(EffectCommand, ParameterBlockAndStatusText) {
-    sorn_test::LogCapture log;
-    Effect fx;
+TEST_F(EffectCommand, ParameterBlockAndStatusText) {
     EXPECT_EQ(fx.status_text(),
               "en: 0  bypass: 0  pmi: 0  mode: 0  dev: 0x0  state: 0  mute: 0\n"
               "lc: 0  ss: 0  ea: 0  hp: 0  check: 0  ver: Release 20260104_1.23");
