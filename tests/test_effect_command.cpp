@@ -118,7 +118,6 @@ TEST_F(EffectCommand, ConfigurationChecks) {
 // Re-sending the current device or mode changes nothing (no chain reset, no line for the mode).
 TEST_F(EffectCommand, OutputSwitchFollowsEveryEvent) {
     fx.make_active(AUDIO_FORMAT_PCM_32_BIT, 0, {});
-    EXPECT_TRUE(fx.active());
     log.clear();
     EXPECT_EQ(fx.set_u32(EFFECT_CMD_SET_DEVICE, AUDIO_DEVICE_OUT_WIRED_HEADPHONE), 0);
     EXPECT_EQ(fx.set_u32(EFFECT_CMD_SET_DEVICE, 0), 0);

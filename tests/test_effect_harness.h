@@ -104,6 +104,7 @@ struct Effect {
                      const sorn_hp_params_t &params = steep_tuning()) {
         make_ready(format, out_access, params);
         ASSERT_EQ(status_cmd(EFFECT_CMD_ENABLE), 0);
+        ASSERT_TRUE(active()) << "the output must be processed";
     }
 };
 

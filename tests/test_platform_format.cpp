@@ -159,11 +159,9 @@ TEST(PlatformFormat, FloatToIntegerMatchesRoundingRuleOnRandomInputs) {
 TEST(PlatformProperties, ReadBackDefaultsTruncationAndRefusals) {
     const std::string longest(PROPERTY_VALUE_MAX - 1, 'a'), too_long(PROPERTY_VALUE_MAX, 'b'), huge(300, 'c');
     char value[PROPERTY_VALUE_MAX + 16];
-    ASSERT_EQ(property_set("test.sorn.props.a", "1"), 0);
-    ASSERT_EQ(property_set("test.sorn.props.a", "12345"), 0);  // overwrites
-    ASSERT_EQ(property_set("test.sorn.props.cleared", "on"), 0);
-    ASSERT_EQ(property_set("test.sorn.props.cleared", ""), 0);
-    ASSERT_EQ(property_set("test.sorn.props.long", longest.c_str()), 0);
+    const char *sets[][2] = {{"test.sorn.props.a", "1"}, {"test.sorn.props.a", "12345"}, {"test.sorn.props.cleared", "on"},
+                             {"test.sorn.props.cleared", ""}, {"test.sorn.props.long", longest.c_str()}};  // overwriting
+    for (const auto &[key, v] : sets) ASSERT_EQ(property_set(key, v), 0) << key << " " << v;
     EXPECT_EQ(property_set("test.sorn.props.long", too_long.c_str()), -1);  // refused, value kept
     // {key, default, result, value}: an empty or unset property gives the default, which is
     // truncated like any value to PROPERTY_VALUE_MAX - 1 characters; no key gives the default.

@@ -43,10 +43,7 @@ void *malloc(std::size_t size) { return counted([=] { return __libc_malloc(size)
 void *calloc(std::size_t n, std::size_t size) { return counted([=] { return __libc_calloc(n, size); }); }
 void *memalign(std::size_t align, std::size_t size) { return counted([=] { return __libc_memalign(align, size); }); }
 void *aligned_alloc(std::size_t align, std::size_t size) { return memalign(align, size); }
-void free(void *p) {
-    if (p != nullptr) --g_live;
-    __libc_free(p);
-}
+void free(void *p) { if (p != nullptr) --g_live; __libc_free(p); }
 void *realloc(void *p, std::size_t size) {
     if (p != nullptr && size == 0) return free(p), nullptr;  // what glibc's realloc does
     void *q = counted([=] { return __libc_realloc(p, size); });
