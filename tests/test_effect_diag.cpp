@@ -64,9 +64,8 @@ TEST_F(EffectDump, LongSilenceFadesOutMutesAndFadesBackInAndOnlyProcessedCallsAr
         ASSERT_EQ(fx.process(silence.data(), out.data(), kCall), -61);
         EXPECT_EQ(log.count(down, ANDROID_LOG_DEBUG), call >= 20 ? 1 : 0) << call;
     }
-    EXPECT_EQ(log.count_containing("rampup"), 0);
     ASSERT_EQ(fx.process(sound.data(), out.data(), kCall), -61);
-    EXPECT_EQ(log.count(up, ANDROID_LOG_DEBUG), 1);
+    EXPECT_EQ(log.count(up, ANDROID_LOG_DEBUG), 1) << "one fade-in, none during the silence";
     for (size_t k = 0; k < kCall; ++k) {
         ASSERT_NEAR(out[2 * k], 1000.0 * k / kCall, 1.0) << k;
         ASSERT_EQ(out[2 * k + 1], out[2 * k]);
