@@ -16,11 +16,7 @@ namespace {
 namespace fs = std::filesystem;
 const fs::path kSource = SORN_SOURCE_DIR;
 
-std::string read_file(const fs::path &p) {
-    std::stringstream s;
-    s << std::ifstream(p).rdbuf();
-    return s.str();
-}
+std::string read_file(const fs::path &p) { return (std::stringstream() << std::ifstream(p).rdbuf()).str(); }
 
 // Every match of the regular expression's first group.
 std::vector<std::string> all(const std::string &text, const std::string &re) {
@@ -47,15 +43,13 @@ TEST(AndroidPackaging, BlueprintBuildsTheSameSourcesAsCMake) {
 TEST(AndroidPackaging, ExampleConfigurationValidatesAndNamesThisEffect) {
     const auto xml = kSource / "android/audio_effects.xml";
     ASSERT_EQ(xmllint_validate(xml), 0) << "xmllint rejects " << xml;
-    const std::string text = read_file(xml);
+    std::string text = read_file(xml);
     EXPECT_NE(text.find("uuid=\"40050b20-6999-11e0-b0d8-0002a5d5c534\""), std::string::npos);
     EXPECT_NE(text.find("path=\"" + fs::path(SORN_LIBRARY_PATH).filename().string() + "\""), std::string::npos);
 
     // The schema has teeth: a dangling effect reference is rejected.
-    std::string broken = text;
-    broken.replace(broken.find("apply effect=\"") + 14, 1, "x");
     const auto broken_path = fs::temp_directory_path() / "sorn_broken_effects.xml";
-    std::ofstream(broken_path) << broken;
+    std::ofstream(broken_path) << text.replace(text.find("apply effect=\"") + 14, 1, "x");
     EXPECT_NE(xmllint_validate(broken_path), 0);
     fs::remove(broken_path);
 }

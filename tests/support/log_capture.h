@@ -6,6 +6,7 @@
 
 #include <android/log.h>
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -14,8 +15,7 @@ namespace sorn_test {
 
 struct LogLine {
     int priority;
-    std::string tag;
-    std::string message;
+    std::string tag, message;
 };
 
 class LogCapture {
@@ -29,40 +29,31 @@ public:
         __android_log_set_logger(__android_log_stderr_logger);
         __android_log_set_minimum_priority(ANDROID_LOG_INFO);
     }
-    LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
-
-    const std::vector<LogLine>& lines() const { return lines_; }
-    void clear() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        lines_.clear();
-    }
-    // Number of lines whose message equals `message` exactly (and whose priority and tag match
-    // when given: priority < 0 or an empty tag match anything).
-    int count(const std::string& message, int priority = -1, const std::string& tag = "") const {
-        return count_if([&](const LogLine& l) {
+    const std::vector<LogLine> &lines() const { return lines_; }
+    void clear() { std::lock_guard lock(mutex_); lines_.clear(); }
+    // Lines whose message equals `message` (and whose priority and tag match, when given:
+    // priority < 0 or an empty tag match anything).
+    int count(const std::string &message, int priority = -1, const std::string &tag = "") const {
+        return count_if([&](const LogLine &l) {
             return l.message == message && (priority < 0 || l.priority == priority) && (tag.empty() || l.tag == tag);
         });
     }
-    // Number of lines whose message contains `fragment`.
-    int count_containing(const std::string& fragment) const {
-        return count_if([&](const LogLine& l) { return l.message.find(fragment) != std::string::npos; });
+    int count_containing(const std::string &fragment) const {
+        return count_if([&](const LogLine &l) { return l.message.find(fragment) != std::string::npos; });
     }
 
 private:
     static inline std::mutex mutex_;
     static inline std::vector<LogLine> lines_;
 
-    static void record(const struct __android_logger_data* data, const char* message) {
-        std::lock_guard<std::mutex> lock(mutex_);
+    static void record(const struct __android_logger_data *data, const char *message) {
+        std::lock_guard lock(mutex_);
         lines_.push_back({data->priority, data->tag ? data->tag : "", message ? message : ""});
     }
     template <typename Match>
-    int count_if(Match match) const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        int n = 0;
-        for (const auto& l : lines_) n += match(l) ? 1 : 0;
-        return n;
+    static int count_if(Match match) {
+        std::lock_guard lock(mutex_);
+        return static_cast<int>(std::count_if(lines_.begin(), lines_.end(), match));
     }
 };
 
