@@ -56,7 +56,11 @@ void ring_put(sorn_ringbuf_t* rb, const T* src, std::ptrdiff_t stride, int count
         const int run = left < cap - wp ? left : cap - wp;
         T* to = data + wp;
         const T* from = src + skip * stride;
-        for (int i = 0; i < run; ++i) to[i] = from[i * stride];
+        if constexpr (kStride == 1) {
+            std::memcpy(to, from, static_cast<std::size_t>(run) * sizeof(T));
+        } else {
+            for (int i = 0; i < run; ++i) to[i] = from[i * stride];
+        }
         skip += run;
         left -= run;
         wp += run;
@@ -84,7 +88,11 @@ void ring_take(sorn_ringbuf_t* rb, T* dst, std::ptrdiff_t stride, int count) {
         const int run = n - done < cap - rp ? n - done : cap - rp;
         T* to = dst + done * stride;
         const T* from = data + rp;
-        for (int i = 0; i < run; ++i) to[i * stride] = from[i];
+        if constexpr (kStride == 1) {
+            std::memcpy(to, from, static_cast<std::size_t>(run) * sizeof(T));
+        } else {
+            for (int i = 0; i < run; ++i) to[i * stride] = from[i];
+        }
         done += run;
         rp += run;
         if (rp == cap) rp = 0;
