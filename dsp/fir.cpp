@@ -47,6 +47,40 @@ int block_length(SampleRateType rate) {
     }
 }
 
+/* A silent frame at the start of the history. */
+void clear_frame(orla_fir_t *fir) {
+    std::memset(fir->history, 0, 2 * static_cast<size_t>(fir->fft_size) * sizeof(*fir->history));
+    fir->frame_pos = 0;
+}
+
+/* Moves the frame on by n samples (1..N) and returns its new start. The new frame's first N - n
+   samples are the old frame's last N - n, and its last n samples hold what the old frame held
+   there until the caller writes the new block (which, when block_fills_tail, covers them all).
+   Mostly the frame just starts n values later, where its samples already are; only when it
+   would run past the end of the history is it copied back to the start. */
+ne10_fft_cpx_float32_t *advance_frame(orla_fir_t *fir, int n, bool block_fills_tail) {
+    const size_t size = static_cast<size_t>(fir->fft_size);
+    const size_t step = static_cast<size_t>(n);
+    ne10_fft_cpx_float32_t *history = fir->history;
+    const size_t pos = static_cast<size_t>(fir->frame_pos);
+    size_t next = pos + step;
+    if (next <= size) {
+        /* The old frame's last n samples stay the last n of the new one. */
+        if (!block_fills_tail) {
+            std::memcpy(history + pos + size, history + pos + size - step, step * sizeof(*history));
+        }
+    } else {
+        std::memmove(history, history + next, (size - step) * sizeof(*history));
+        if (!block_fills_tail) {
+            std::memmove(history + size - step, history + pos + size - step,
+                         step * sizeof(*history));
+        }
+        next = 0;
+    }
+    fir->frame_pos = static_cast<int32_t>(next);
+    return history + next;
+}
+
 void release(orla_fir_t *fir) {
     ne10_fft_destroy_c2c_float32(fir->fft_cfg);
     std::free(fir->param);
@@ -61,6 +95,7 @@ void release(orla_fir_t *fir) {
     fir->time_buf = nullptr;
     fir->freq_buf = nullptr;
     fir->status = 0;
+    fir->frame_pos = 0;
 }
 
 }  // namespace
@@ -73,7 +108,7 @@ extern "C" void fir_init(orla_fir_t *fir, int fft_size, int offset) {
 
     const size_t n = static_cast<size_t>(fft_size);
     fir->param = alloc_array<int32_t>(n);
-    fir->history = alloc_array<ne10_fft_cpx_float32_t>(n);
+    fir->history = alloc_array<ne10_fft_cpx_float32_t>(2 * n);
     fir->filter_spec = alloc_array<ne10_fft_cpx_float32_t>(n);
     fir->time_buf = alloc_array<ne10_fft_cpx_float32_t>(n);
     fir->freq_buf = alloc_array<ne10_fft_cpx_float32_t>(n);
@@ -136,7 +171,7 @@ extern "C" void fir_update_param(orla_fir_t *fir, int n) {
         spec_r[k] = fir->freq_buf[k].r;
         spec_i[k] = fir->freq_buf[k].i;
     }
-    std::memset(fir->history, 0, size * sizeof(*fir->history));
+    clear_frame(fir);
 }
 
 extern "C" void fir_get_param(orla_fir_t *fir, int n, int *out) {
@@ -147,7 +182,7 @@ extern "C" void fir_get_param(orla_fir_t *fir, int n, int *out) {
 
 extern "C" void fir_reset(orla_fir_t *fir) {
     if (!usable(fir)) return;
-    std::memset(fir->history, 0, static_cast<size_t>(fir->fft_size) * sizeof(*fir->history));
+    clear_frame(fir);
 }
 
 extern "C" void fir_process(orla_fir_t *fir, int *in, int *out, int n) {
@@ -158,7 +193,6 @@ extern "C" void fir_process(orla_fir_t *fir, int *in, int *out, int n) {
     const int offset = fir->in_offset;
     if (offset < 0 || offset >= size || n < 1 || n > size - offset) return;
 
-    ne10_fft_cpx_float32_t *history = fir->history;
     ne10_fft_cpx_float32_t *time_buf = fir->time_buf;
     ne10_fft_cpx_float32_t *freq_buf = fir->freq_buf;
     const float *taps_r = reinterpret_cast<const float *>(fir->filter_spec);
@@ -166,18 +200,18 @@ extern "C" void fir_process(orla_fir_t *fir, int *in, int *out, int n) {
 
     /* Slide the frame and append the new block, converted once; all of in is read before out
        is written. */
-    std::memmove(history, history + n, static_cast<size_t>(size - n) * sizeof(*history));
-    ne10_fft_cpx_float32_t *block = history + offset;
+    ne10_fft_cpx_float32_t *frame = advance_frame(fir, n, offset + n == size);
+    ne10_fft_cpx_float32_t *block = frame + offset;
     for (int i = 0; i < n; ++i) {
         block[i].r = static_cast<float>(in[i]);
         block[i].i = 0.0f;
     }
 #if defined(SORN_NE10_HOST_LAYER)
     /* This FFT layer leaves its input alone: the frame is transformed where it is. */
-    ne10_fft_c2c_1d_float32_neon(freq_buf, history, fir->fft_cfg, 0);
+    ne10_fft_c2c_1d_float32_neon(freq_buf, frame, fir->fft_cfg, 0);
 #else
     /* Real Ne10 does not promise to leave its input alone: the transform gets a copy. */
-    std::memcpy(time_buf, history, static_cast<size_t>(size) * sizeof(*time_buf));
+    std::memcpy(time_buf, frame, static_cast<size_t>(size) * sizeof(*time_buf));
     ne10_fft_c2c_1d_float32_neon(freq_buf, time_buf, fir->fft_cfg, 0);
 #endif
     for (int k = 0; k < size; ++k) {

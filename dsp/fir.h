@@ -60,12 +60,13 @@ enum {
 
 typedef struct {
     int32_t status;    /* 0: off, fir_process does nothing */
-    int32_t fft_size;  /* N, length of every array below */
+    int32_t fft_size;  /* N, length of every array below but history */
     int32_t in_offset; /* where each new block is written: N - block length */
     int32_t *param;    /* N Q23 taps as last stored */
-    /* Overlap-save frame, oldest first, as the forward transform's input: each sample is
-       converted to float once, when it arrives, and shifts along with the frame (imaginary
-       parts 0). */
+    /* 2N values holding the overlap-save frame: N values from frame_pos on, oldest first, as
+       the forward transform's input. Each sample is converted to float once, when it arrives
+       (imaginary parts 0). The frame moves forward by a block each call and is copied back to
+       the start only when it reaches the end, instead of being shifted every call. */
     ne10_fft_cpx_float32_t *history;
     ne10_fft_cfg_float32_t fft_cfg;
     /* Spectrum of the taps, split: N real parts, then N imaginary parts (N complex values of
@@ -73,6 +74,7 @@ typedef struct {
     ne10_fft_cpx_float32_t *filter_spec;
     ne10_fft_cpx_float32_t *time_buf;
     ne10_fft_cpx_float32_t *freq_buf;
+    int32_t frame_pos; /* start of the frame in history, 0..N */
 } orla_fir_t;
 
 /* FIR parameter record: one record serves both channels of a chain. */

@@ -135,25 +135,32 @@ void run(void *dst, const void *src, size_t count) {
 }
 
 // Float to 32-bit, the input conversion of every float stream: clamp32_from_float on each sample,
-// four at a time with the same operations in vector form (the packed conversions CVTTPD2DQ and
-// FCVTZS give per lane what the scalar ones give), then the rest one by one. Same size in and
-// out, forwards: in place is safe.
+// four at a time, then the rest one by one. Same size in and out, forwards: in place is safe.
+//
+// The vector form rounds in float lanes and gives the same integer as the scalar form's double
+// sum. Inside the rails |x| < 2^31, so the truncation t of x is exact, x - t is the exact
+// fraction, and x + 0.5 truncated (x - 0.5 for x <= 0) is t moved one step away from zero exactly
+// when that fraction is at least one half. A NaN passes the rail tests, as in the scalar form; the
+// packed truncation gives it what the scalar one gives (x86 CVTTPS2DQ: INT32_MIN, arm64 FCVTZS:
+// 0), and its fraction, a NaN, moves nothing.
 void i32_from_f32_buffer(void *dst, const void *src, size_t count) {
     size_t i = 0;
 #if defined(SORN_FORMAT_SSE2)
     const auto *in = static_cast<const float *>(src);
     auto *out = static_cast<unsigned char *>(dst);
     const __m128 lower = _mm_set1_ps(-1.0f), upper = _mm_set1_ps(1.0f), scale = _mm_set1_ps(kTwo31);
-    const __m128d half = _mm_set1_pd(0.5), sign = _mm_set1_pd(-0.0), zero = _mm_setzero_pd();
+    const __m128 half = _mm_set1_ps(0.5f), minus_half = _mm_set1_ps(-0.5f);
     const __m128i min = _mm_set1_epi32(INT32_MIN), max = _mm_set1_epi32(INT32_MAX);
-    auto round_trunc = [&](__m128d x) {  // x + (x > 0 ? 0.5 : -0.5), truncated
-        return _mm_cvttpd_epi32(_mm_add_pd(x, _mm_or_pd(half, _mm_andnot_pd(_mm_cmpgt_pd(x, zero), sign))));
-    };
     for (; i + 4 <= count; i += 4) {
         const __m128 f = _mm_loadu_ps(in + i);
         const __m128 x = _mm_mul_ps(f, scale);
-        const __m128i r = _mm_unpacklo_epi64(round_trunc(_mm_cvtps_pd(x)),
-                                             round_trunc(_mm_cvtps_pd(_mm_movehl_ps(x, x))));
+        const __m128i t = _mm_cvttps_epi32(x);
+        const __m128 frac = _mm_sub_ps(x, _mm_cvtepi32_ps(t));
+        // The masks are -1 where true: subtracting the up mask adds one, adding the down mask
+        // subtracts one.
+        const __m128i up = _mm_castps_si128(_mm_cmpge_ps(frac, half));
+        const __m128i down = _mm_castps_si128(_mm_cmple_ps(frac, minus_half));
+        const __m128i r = _mm_add_epi32(_mm_sub_epi32(t, up), down);
         const __m128i lo = _mm_castps_si128(_mm_cmple_ps(f, lower));
         const __m128i hi = _mm_castps_si128(_mm_cmpge_ps(f, upper));
         const __m128i rails = _mm_or_si128(_mm_and_si128(lo, min), _mm_and_si128(hi, max));
@@ -163,15 +170,15 @@ void i32_from_f32_buffer(void *dst, const void *src, size_t count) {
 #elif defined(SORN_FORMAT_NEON)
     const auto *in = static_cast<const float *>(src);
     auto *out = static_cast<int32_t *>(dst);
-    const float64x2_t pos = vdupq_n_f64(0.5), neg = vdupq_n_f64(-0.5), zero = vdupq_n_f64(0.0);
-    auto round_trunc = [&](float64x2_t x) {  // x + (x > 0 ? 0.5 : -0.5), truncated, saturated
-        return vqmovn_s64(vcvtq_s64_f64(vaddq_f64(x, vbslq_f64(vcgtq_f64(x, zero), pos, neg))));
-    };
     for (; i + 4 <= count; i += 4) {
         const float32x4_t f = vld1q_f32(in + i);
         const float32x4_t x = vmulq_f32(f, vdupq_n_f32(kTwo31));
-        int32x4_t r = vcombine_s32(round_trunc(vcvt_f64_f32(vget_low_f32(x))),
-                                   round_trunc(vcvt_high_f64_f32(x)));
+        const int32x4_t t = vcvtq_s32_f32(x);
+        const float32x4_t frac = vsubq_f32(x, vcvtq_f32_s32(t));
+        // The masks are all ones (-1) where true.
+        const int32x4_t up = vreinterpretq_s32_u32(vcgeq_f32(frac, vdupq_n_f32(0.5f)));
+        const int32x4_t down = vreinterpretq_s32_u32(vcleq_f32(frac, vdupq_n_f32(-0.5f)));
+        int32x4_t r = vaddq_s32(vsubq_s32(t, up), down);
         r = vbslq_s32(vcleq_f32(f, vdupq_n_f32(-1.0f)), vdupq_n_s32(INT32_MIN), r);
         r = vbslq_s32(vcgeq_f32(f, vdupq_n_f32(1.0f)), vdupq_n_s32(INT32_MAX), r);
         vst1q_s32(out + i, r);

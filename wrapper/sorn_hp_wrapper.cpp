@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <type_traits>
 
 #include "platform/sat_math.h"
 #include "dsp/sorn_hp_effect.h"
@@ -38,10 +39,16 @@ constexpr int kActiveCountWrap = 149;  // the input-activity count starts over a
 // moved bit for bit). Source and destination elements lie `stride` elements apart, so one call
 // can gather a channel from an interleaved buffer. A stride fixed at compile time (kStride > 0:
 // 1 for the block planes, 2 for the stereo framing) lets the copies vectorize; kStride 0 takes
-// the run-time `stride`.
+// the run-time `stride`. `map` is applied to each element on its way (a scale conversion folded
+// into the copy); the default moves elements unchanged.
 
-template <typename T, int kStride = 0>
-void ring_put(sorn_ringbuf_t* rb, const T* src, std::ptrdiff_t stride, int count) {
+struct Unchanged {
+    template <typename T>
+    T operator()(T v) const { return v; }
+};
+
+template <typename T, int kStride = 0, typename Map = Unchanged>
+void ring_put(sorn_ringbuf_t* rb, const T* src, std::ptrdiff_t stride, int count, Map map = {}) {
     if constexpr (kStride > 0) stride = kStride;
     T* data = static_cast<T*>(rb->data);
     const int cap = rb->capacity;
@@ -56,7 +63,11 @@ void ring_put(sorn_ringbuf_t* rb, const T* src, std::ptrdiff_t stride, int count
         const int run = left < cap - wp ? left : cap - wp;
         T* to = data + wp;
         const T* from = src + skip * stride;
-        for (int i = 0; i < run; ++i) to[i] = from[i * stride];
+        if constexpr (kStride == 1 && std::is_same_v<Map, Unchanged>) {
+            std::memcpy(to, from, static_cast<std::size_t>(run) * sizeof(T));
+        } else {
+            for (int i = 0; i < run; ++i) to[i] = map(from[i * stride]);
+        }
         skip += run;
         left -= run;
         wp += run;
@@ -72,8 +83,8 @@ void ring_put(sorn_ringbuf_t* rb, const T* src, std::ptrdiff_t stride, int count
     }
 }
 
-template <typename T, int kStride = 0>
-void ring_take(sorn_ringbuf_t* rb, T* dst, std::ptrdiff_t stride, int count) {
+template <typename T, int kStride = 0, typename Map = Unchanged>
+void ring_take(sorn_ringbuf_t* rb, T* dst, std::ptrdiff_t stride, int count, Map map = {}) {
     if constexpr (kStride > 0) stride = kStride;
     const T* data = static_cast<const T*>(rb->data);
     const int cap = rb->capacity;
@@ -84,7 +95,11 @@ void ring_take(sorn_ringbuf_t* rb, T* dst, std::ptrdiff_t stride, int count) {
         const int run = n - done < cap - rp ? n - done : cap - rp;
         T* to = dst + done * stride;
         const T* from = data + rp;
-        for (int i = 0; i < run; ++i) to[i * stride] = from[i];
+        if constexpr (kStride == 1 && std::is_same_v<Map, Unchanged>) {
+            std::memcpy(to, from, static_cast<std::size_t>(run) * sizeof(T));
+        } else {
+            for (int i = 0; i < run; ++i) to[i * stride] = map(from[i]);
+        }
         done += run;
         rp += run;
         if (rp == cap) rp = 0;
@@ -92,7 +107,7 @@ void ring_take(sorn_ringbuf_t* rb, T* dst, std::ptrdiff_t stride, int count) {
     rb->read_pos = rp;
     rb->fill -= n;
     if (n < count) {  // ran dry: the missing elements read as zero
-        for (int i = n; i < count; ++i) dst[i * stride] = 0;
+        for (int i = n; i < count; ++i) dst[i * stride] = map(T{0});
         rb->fill = 0;
         rb->write_pos = rb->read_pos;
     }
@@ -133,20 +148,38 @@ namespace {
 // Full scale 2^31 to the 24-bit scale, rounding to nearest; the top 128 codes saturate. Held
 // below INT32_MAX - 127 first, the rounding sum fits in 32 bits and gives what the saturated
 // 64-bit sum gives (0x7fffff at the top), in lanes the vectorizer takes.
-void scale_down_31_to_23(int32_t* s, std::size_t n) {
+int32_t down_31_to_23(int32_t v) {
     constexpr int32_t kTop = INT32_MAX - 128;
-    for (std::size_t i = 0; i < n; ++i) s[i] = ((s[i] < kTop ? s[i] : kTop) + 128) >> 8;
+    return ((v < kTop ? v : kTop) + 128) >> 8;
+}
+
+void scale_down_31_to_23(int32_t* s, std::size_t n) {
+    for (std::size_t i = 0; i < n; ++i) s[i] = down_31_to_23(s[i]);
 }
 
 // 24-bit scale back to full scale 2^31; anything beyond the 24-bit range saturates (the same
 // as sat_i32 of the 64-bit product, written as selects on 32-bit lanes).
-void scale_up_23_to_31(int32_t* s, std::size_t n) {
-    for (std::size_t i = 0; i < n; ++i) {
-        const int32_t v = s[i];
-        const int32_t up = static_cast<int32_t>(static_cast<uint32_t>(v) << 8);
-        s[i] = v > 0x7fffff ? INT32_MAX : v < -0x800000 ? INT32_MIN : up;
-    }
+int32_t up_23_to_31(int32_t v) {
+    const int32_t up = static_cast<int32_t>(static_cast<uint32_t>(v) << 8);
+    return v > 0x7fffff ? INT32_MAX : v < -0x800000 ? INT32_MIN : up;
 }
+
+void scale_up_23_to_31(int32_t* s, std::size_t n) {
+    for (std::size_t i = 0; i < n; ++i) s[i] = up_23_to_31(s[i]);
+}
+
+// The two scale conversions on ring storage elements (int32 samples held as uint32_t), for
+// stereo framing that converts on the way into and out of the rings.
+struct Down31To23 {
+    uint32_t operator()(uint32_t u) const {
+        return static_cast<uint32_t>(down_31_to_23(static_cast<int32_t>(u)));
+    }
+};
+struct Up23To31 {
+    uint32_t operator()(uint32_t u) const {
+        return static_cast<uint32_t>(up_23_to_31(static_cast<int32_t>(u)));
+    }
+};
 
 // 24-bit scale to int16, rounding to nearest and saturating. The rounding offset is added in
 // 64 bits so that a sample near the int32 limit saturates instead of flipping sign.
@@ -249,9 +282,10 @@ void complete_block(sorn_hp_wrapper_t* w) {
 }
 
 // Frames the interleaved buffer (S: the caller's sample type, T: the ring storage type of the
-// same size). Each frame enters the input rings and is replaced by the next output frame.
-template <typename S, typename T>
-void frame_loop(sorn_hp_wrapper_t* w, S* buffer, std::size_t frames) {
+// same size). Each frame enters the input rings through `in` and is replaced by the next output
+// frame through `out`.
+template <typename S, typename T, typename In = Unchanged, typename Out = Unchanged>
+void frame_loop(sorn_hp_wrapper_t* w, S* buffer, std::size_t frames, In in = {}, Out out = {}) {
     static_assert(sizeof(S) == sizeof(T));
     T* samples = reinterpret_cast<T*>(buffer);
     const std::ptrdiff_t ch = w->chnnum;
@@ -269,25 +303,29 @@ void frame_loop(sorn_hp_wrapper_t* w, S* buffer, std::size_t frames) {
             T* f = samples + static_cast<std::ptrdiff_t>(pos) * ch;
             const int n = static_cast<int>(run);
             if (ch == 2) {
-                ring_put<T, 2>(&w->in_l, f, 2, n);
-                ring_put<T, 2>(&w->in_r, f + 1, 2, n);
-                ring_take<T, 2>(&w->out_l, f, 2, n);
-                ring_take<T, 2>(&w->out_r, f + 1, 2, n);
+                ring_put<T, 2>(&w->in_l, f, 2, n, in);
+                ring_put<T, 2>(&w->in_r, f + 1, 2, n, in);
+                ring_take<T, 2>(&w->out_l, f, 2, n, out);
+                ring_take<T, 2>(&w->out_r, f + 1, 2, n, out);
             } else {
-                ring_put(&w->in_l, f, ch, n);
-                ring_put(&w->in_r, f + 1, ch, n);
-                ring_take(&w->out_l, f, ch, n);
-                ring_take(&w->out_r, f + 1, ch, n);
+                ring_put(&w->in_l, f, ch, n, in);
+                ring_put(&w->in_r, f + 1, ch, n, in);
+                ring_take(&w->out_l, f, ch, n, out);
+                ring_take(&w->out_r, f + 1, ch, n, out);
             }
             pos += run;
             if (pos == frames) break;
         }
         T* f = samples + static_cast<std::ptrdiff_t>(pos) * ch;
+        f[0] = in(f[0]);
+        f[1] = in(f[1]);
         sorn_ringbuf_write(&w->in_l, f, 1);
         sorn_ringbuf_write(&w->in_r, f + 1, 1);
         if (w->in_l.fill >= block) complete_block(w);
         sorn_ringbuf_read(&w->out_l, f, 1);
         sorn_ringbuf_read(&w->out_r, f + 1, 1);
+        f[0] = out(f[0]);
+        f[1] = out(f[1]);
         ++pos;
     }
 }
@@ -423,7 +461,15 @@ void sorn_hp_wrapper_process(void* handle, void* buffer, unsigned long size) {
         return;
     }
     auto* s = static_cast<int32_t*>(buffer);
-    if (w->format_type == kFormatScaled31) scale_down_31_to_23(s, samples);
-    frame_loop<int32_t, uint32_t>(w, s, frames);
-    if (w->format_type == kFormatScaled31) scale_up_23_to_31(s, samples);
+    if (w->format_type != kFormatScaled31) {
+        frame_loop<int32_t, uint32_t>(w, s, frames);
+    } else if (w->chnnum == 2) {
+        // Every sample is written into a ring and replaced by one taken from a ring, so the
+        // conversions are done on the way, in the same copies.
+        frame_loop<int32_t, uint32_t>(w, s, frames, Down31To23{}, Up23To31{});
+    } else {
+        scale_down_31_to_23(s, samples);
+        frame_loop<int32_t, uint32_t>(w, s, frames);
+        scale_up_23_to_31(s, samples);
+    }
 }
