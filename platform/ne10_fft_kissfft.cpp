@@ -91,12 +91,8 @@ extern "C" void ne10_fft_c2c_1d_float32_neon(ne10_fft_cpx_float32_t *fout,
                                              ne10_fft_cfg_float32_t cfg,
                                              ne10_int32_t inverse_fft) {
     KissPlan *plan = transform(fout, fin, cfg, inverse_fft != 0);
-    if (plan == nullptr || inverse_fft == 0) return;
-    /* As one run of 2n floats (the layout of n complex values), which vectorizes. */
-    const size_t n = static_cast<size_t>(plan->head.nfft);
-    const float scale = plan->inverse_scale;
-    float *values = reinterpret_cast<float *>(fout);
-    for (size_t k = 0; k < 2 * n; ++k) values[k] *= scale;
+    if (plan != nullptr && inverse_fft != 0)
+        sorn::fft_scale_complex(fout, plan->head.nfft, plan->inverse_scale);
 }
 
 extern "C" void sorn_fft_c2c_inverse_unscaled(ne10_fft_cpx_float32_t *fout,
