@@ -107,6 +107,18 @@ TEST(DynamicProcessor, GainFollowsTheCurveOfEveryKindForAnyBlockLength) {
     }
 }
 
+// A ramp ends on its target and stays there (the chain's ramps never get that far in a block).
+TEST(DynamicProcessor, ARampStopsOnItsTarget) {
+    Param p = instant(3);
+    p.gain_attack = 1;  // 48 samples
+    sa6_dynamic_processor_t st = processor(p);
+    std::vector<float> x(100, 0.5f);
+    sa6_dynamic_processor_process_f(&st, x.data(), x.data(), 100);
+    EXPECT_NEAR(st.gain_current, pow(10.0, curve_db(3, 20 * log10(0.5), -20, 4, 10) / 20), 1e-6);
+    EXPECT_EQ(x[99], x[60]);
+    EXPECT_GT(x[20], x[60]);
+}
+
 TEST(DynamicProcessor, DivisorsNeverYieldAnInfiniteGain) {
     sorn_test::LogCapture log;
     sa6_dynamic_processor_t st = processor(instant(3));
