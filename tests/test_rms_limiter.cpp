@@ -57,8 +57,6 @@ TEST(DynamicProcessor, ConfigurationAndItsStatusLines) {
     Param p = {7, 3, -13, 10, 2000, 2000, 1000, 100, 1000, 100, -9, 0, 0, 0.2f};
     EXPECT_EQ(stdout_of([&] { sa6_dynamic_processor_set_param_f(&st, &p); }),
               "[SA6_SBS]sa6_dynamic_processor_set_param_f:enable_flag is 7\n");
-    EXPECT_NEAR(st.det_attack_coef, 0.0057399f, 1e-7f);
-    EXPECT_FLOAT_EQ(st.knee_width, 5.2f);
     int32_t q[14] = {1, 4, -425984, 131072, 3276800, 6553600, 32768, 0, 65536, 16384, -24576, 8192, 4096, 6554};
     EXPECT_TRUE(stdout_of([&] { sa6_dynamic_processor_set_param_acdb_f(&st, q); })
                     .starts_with("[SA6_SBS]sa6_dynamic_processor_set_param_acdb_f:enable_flag "
