@@ -75,6 +75,8 @@ TEST(DynamicRangeControl, EdgesOfTheArithmeticAndTheDelay) {
     d.avg_env = 1000;
     d.gain = d.gain_history[0] = d.gain_history[1] = 65536;
     EXPECT_EQ(cc.drc({-1, -2, -3, -4, 1}), (Samples{0, 0, -2, -2, 0})); /* -1 is written as 0 */
+    d.gain = d.gain_history[0] = d.gain_history[1] = 131072; /* unity (the chain stops just below) */
+    EXPECT_EQ(cc.drc({-1, -2, 5}), (Samples{0, -2, 5}));
     dynamic_range_control_set_volume(&d, 32768); /* gain far above unity: saturates */
     d.threshold = INT_MAX;
     d.gain_history[0] = d.gain_history[1] = 32768 * 16;
