@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <climits>
 #include <vector>
 
@@ -37,37 +36,11 @@ struct ChainCompressor {
     }
 };
 
-/* The per-sample gain with B held constant by the history and a unity gate: the delay is
-   bypassed, so each output of an input of 2^17 is the gain itself. */
-Samples gain_trace(int from, int b, int volume, int n) {
-    ChainCompressor cc;
-    dynamic_range_control_t &d = cc.d();
-    audio_delay_set_delay(d.delay, 0);
-    d.gain = from;
-    d.volume = volume; /* keeps this block's own target at or above B */
-    d.gate_gain = d.avg_env = 131072;
-    d.gain_history[0] = d.gain_history[1] = b;
-    return cc.drc(Samples(n, 131072));
-}
-
-TEST(Compressor, SilentForTwoBlocksFadesInSettlesAndReducesLoudAudioBeforeItLeaves) {
-    ChainCompressor cc;
-    const Samples out = cc.run(Samples(kBlock * 80, 838860)); /* 0.1 of full scale */
-    for (int i = 0; i < 480; ++i) ASSERT_EQ(out[i], 0) << i;
-    EXPECT_TRUE(out[480] > 0 && out[480] < 838860 * 3 / 4);
-    for (size_t i = 481; i < out.size(); ++i) ASSERT_GE(out[i], out[i - 1]) << i;
-    /* The volume step halves toward 8192 in Q13 and stops at 8191: gain 131056. */
-    EXPECT_EQ(cc.d().gain, 131056);
-    EXPECT_EQ(out.back(), (838860LL * 131056) >> 17);
-    /* Worked example: peak 8304721 -> level 32440 -> target 120224, lowering the gain in the
-       very block it arrives in. */
-    const Samples loud(kBlock, 8304721);
-    cc.run(loud);
-    EXPECT_EQ(cc.d().gain_history[1], 120224);
-    EXPECT_EQ(cc.d().gain, 120224);
-    cc.run(loud);
-    EXPECT_EQ(cc.run(loud)[0], (8304721LL * 120224) >> 17); /* 0.908 of full scale */
-    /* A level of exactly the threshold is not reduced; one step above it is. */
+/* What the chain does with these settings is decided by the output checksum; here the points
+   its program cannot reach: a peak of exactly the threshold is not reduced (one step above it
+   is), the gate opens by 1/8 of the distance per sample, and its ratio of a large envelope to a
+   large threshold is taken wide. */
+TEST(Compressor, ThresholdItselfIsNotReducedGateOpeningAndItsWideRatio) {
     for (int extra : {0, 256}) {
         ChainCompressor fresh;
         Samples in(kBlock, 0);
@@ -75,45 +48,15 @@ TEST(Compressor, SilentForTwoBlocksFadesInSettlesAndReducesLoudAudioBeforeItLeav
         fresh.run(in);
         EXPECT_EQ(fresh.d().gain_history[1], extra ? 126960 : 98304) << extra;
     }
-}
-
-TEST(Compressor, GainSmoothingFollowsTheShiftTables) {
-    const struct { int from, b, volume, samples; } counts[] = {
-        {131072, 65536, 8192, 957}, {131072, 120224, 8192, 119},
-        {65536, 131072, 16384, 2558}, {120224, 131072, 16384, 376}};
-    for (const auto &c : counts) {
-        const Samples g = gain_trace(c.from, c.b, c.volume, 4000);
-        EXPECT_EQ(std::find(g.begin(), g.end(), c.b) - g.begin() + 1, c.samples);
-    }
-    /* At low gains the table term sets the first step. Release shifts 6..11 over distances
-       1000..32000 all give 15; attack shifts 5, 6, 8, 9, 10 (there is no 7). */
-    for (int d : {1000, 2000, 4000, 8000, 16000, 32000}) EXPECT_EQ(gain_trace(1000, 1000 + d, 8192, 1)[0], 1015) << d;
-    const int attack[] = {1000, 2000, 4000, 8000, 16000}, step[] = {31, 31, 15, 15, 15};
-    for (int i = 0; i < 5; ++i) EXPECT_EQ(gain_trace(1000 + attack[i], 1000, 8192, 1)[0], 1000 + attack[i] - step[i]);
-}
-
-TEST(Compressor, GateActsOnDigitalSilenceOnly) {
     ChainCompressor cc;
     dynamic_range_control_t &d = cc.d();
-    cc.run(Samples(kBlock * 40, 0));
-    EXPECT_EQ(d.gate_gain, 1536 * 16);
-    cc.run(Samples(kBlock * 4, 100));
-    EXPECT_EQ(d.gate_gain, 131072);
-    cc.run(Samples(kBlock * 60, 1)); /* the mean envelope falls to 1 of the floor 2: half-way */
-    EXPECT_EQ(d.avg_env, 1);
-    EXPECT_EQ(d.gate_gain, 4096 * 16);
-    /* Closing moves 1/32 of the distance per sample, opening 1/8. */
-    d.gate_gain = 131072, d.avg_env = 0;
-    cc.drc({0});
-    EXPECT_EQ(d.gate_gain, 131072 - (131072 - 24576) / 32);
     d.gate_gain = 24576, d.avg_env = 100;
     cc.drc({0});
     EXPECT_EQ(d.gate_gain, 24576 + (131072 - 24576) / 8);
-    /* An envelope at half a large threshold gives a gate of 0.5: avg_env x 8192 is wide. */
     dynamic_range_control_set_denoise_threshold(&d, 1 << 28);
     d.avg_env = 1 << 27;
     for (int i = 0; i < 40; ++i) cc.drc(Samples(kBlock, 1 << 27));
-    EXPECT_EQ(d.gate_gain, 65536);
+    EXPECT_EQ(d.gate_gain, 65536);  /* half the threshold: a gate of 0.5 */
 }
 
 TEST(DynamicRangeControl, EdgesOfTheArithmeticAndTheDelay) {
@@ -132,6 +75,8 @@ TEST(DynamicRangeControl, EdgesOfTheArithmeticAndTheDelay) {
     d.avg_env = 1000;
     d.gain = d.gain_history[0] = d.gain_history[1] = 65536;
     EXPECT_EQ(cc.drc({-1, -2, -3, -4, 1}), (Samples{0, 0, -2, -2, 0})); /* -1 is written as 0 */
+    d.gain = d.gain_history[0] = d.gain_history[1] = 131072; /* unity (the chain stops just below) */
+    EXPECT_EQ(cc.drc({-1, -2, 5}), (Samples{0, -2, 5}));
     dynamic_range_control_set_volume(&d, 32768); /* gain far above unity: saturates */
     d.threshold = INT_MAX;
     d.gain_history[0] = d.gain_history[1] = 32768 * 16;

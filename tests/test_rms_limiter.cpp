@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -35,54 +34,20 @@ sa6_dynamic_processor_t processor(Param p) {
     return st;
 }
 
-Plane square(int amplitude) {
-    Plane x(kBlock);
-    for (int i = 0; i < kBlock; ++i) x[i] = i % 2 ? amplitude : -amplitude;
-    return x;
-}
-
-// The chain's limiter, same audio on both planes: unity gain moves samples one step toward zero
-// (the way back scales by 2^23 - 1); a quiet tone is never reduced; a loud one is held for
-// 100 ms, then ramped by at most 1/48000 of the distance per sample down to the 9 dB floor.
-TEST(RmsLimiter, UnityStepQuietToneKeptLoudToneHeldThenRampedToThe9dBFloor) {
+// The chain's limiter: unity gain moves samples one step toward zero (the way back scales by
+// 2^23 - 1), the same on both planes. Its dynamics are decided by the output checksum.
+TEST(RmsLimiter, RefusesMonoAndMovesSamplesOneStepTowardZeroAtUnityGain) {
     sorn_test::LogCapture log;
     EXPECT_EQ(rms_limiter_init(48000, 1), nullptr);
     EXPECT_EQ(log.count("rms_limiter_init: chnnum 1 unsupported, need to be stereo", 6, "ORLA_SORN"), 1);
-    rms_limiter_t *lim = nullptr;
-    stdout_of([&] { lim = static_cast<rms_limiter_t *>(rms_limiter_init(48000, 2)); });
-    auto run = [&](Plane l) {
-        Plane r = l;
-        rms_limiter_process(lim, l.data(), r.data(), kBlock);
-        EXPECT_EQ(l, r);
-        return l;
-    };
-    Plane in = {1000, -1000, 1, -1, 8388608, -8388608, 0, 5000000};
-    in.resize(kBlock);
-    const Plane out = run(in);
-    EXPECT_EQ(Plane(out.begin(), out.begin() + 8), (Plane{999, -999, 0, 0, 8388607, -8388607, 0, 4999999}));
-
-    const sa6_dynamic_processor_t &st = *lim->proc_left;
-    for (int block = 0; block < 6000; ++block) {  // 30 s at -20 dB RMS
-        run(square(838861));
-        ASSERT_EQ(st.gain_current, 1.0f) << block;
-    }
-    const float floor_9db = powf(10.0f, -9.0f / 20.0f);
-    int fell = -1;
-    for (int block = 0; block < 4000; ++block) {  // 20 s at -3 dB RMS
-        const Plane y = run(square(5938679));
-        ASSERT_GE(st.gain_current, floor_9db * (1 - 1e-6f)) << block;
-        if (fell < 0 && st.ramp_state == 1) fell = block;
-        if (fell < 0 || block > fell + 20) continue;
-        const int level = abs(y[0]);
-        const bool flat = std::all_of(y.begin(), y.end(), [=](int v) { return abs(v) == level; });
-        EXPECT_EQ(flat, block < fell + 20) << block - fell;
-        for (int i = 1; block == fell + 20 && i < kBlock; ++i) {
-            ASSERT_LE(abs(y[i - 1]) - abs(y[i]), 5938679 / 48000 + 1);
-            ASSERT_GE(abs(y[i - 1]) - abs(y[i]), 0);
-        }
-    }
-    ASSERT_GE(fell, 0);
-    EXPECT_NEAR(st.gain_current, floor_9db, 1e-5);
+    void *lim = nullptr;
+    stdout_of([&] { lim = rms_limiter_init(48000, 2); });
+    Plane l = {1000, -1000, 1, -1, 8388608, -8388608, 0, 5000000};
+    l.resize(kBlock);
+    Plane r = l;
+    rms_limiter_process(lim, l.data(), r.data(), kBlock);
+    EXPECT_EQ(l, r);
+    EXPECT_EQ(Plane(l.begin(), l.begin() + 8), (Plane{999, -999, 0, 0, 8388607, -8388607, 0, 4999999}));
     rms_limiter_deinit(lim);
 }
 
@@ -92,8 +57,6 @@ TEST(DynamicProcessor, ConfigurationAndItsStatusLines) {
     Param p = {7, 3, -13, 10, 2000, 2000, 1000, 100, 1000, 100, -9, 0, 0, 0.2f};
     EXPECT_EQ(stdout_of([&] { sa6_dynamic_processor_set_param_f(&st, &p); }),
               "[SA6_SBS]sa6_dynamic_processor_set_param_f:enable_flag is 7\n");
-    EXPECT_NEAR(st.det_attack_coef, 0.0057399f, 1e-7f);
-    EXPECT_FLOAT_EQ(st.knee_width, 5.2f);
     int32_t q[14] = {1, 4, -425984, 131072, 3276800, 6553600, 32768, 0, 65536, 16384, -24576, 8192, 4096, 6554};
     EXPECT_TRUE(stdout_of([&] { sa6_dynamic_processor_set_param_acdb_f(&st, q); })
                     .starts_with("[SA6_SBS]sa6_dynamic_processor_set_param_acdb_f:enable_flag "
@@ -142,20 +105,16 @@ TEST(DynamicProcessor, GainFollowsTheCurveOfEveryKindForAnyBlockLength) {
     }
 }
 
-TEST(DynamicProcessor, SnapsCloseTargetsAndHoldsBeforeFarOnes) {
-    sa6_dynamic_processor_t st = processor({1, 3, -13, 10, 2000, 2000, 1000, 100, 1000, 100, -9, 0, 0, 0.2f});
-    std::vector<float> x(1000, 0.001f), y(1000);  // far below the knee: target 1.0
-    st.gain_current = 0.9985f;
-    sa6_dynamic_processor_process_f(&st, x.data(), y.data(), 1000);
-    EXPECT_EQ(y, x);  // within 0.002: taken at once
-    sa6_dynamic_processor_reset_f(&st);
-    st.gain_current = 0.997f;  // farther: a hold of 100 ms, counted across blocks, then the ramp
-    for (int b = 0; b < 5; ++b) {
-        sa6_dynamic_processor_process_f(&st, x.data(), y.data(), 1000);
-        EXPECT_EQ(y[std::min(4800 - 1000 * b, 1000) - 1], 0.001f * 0.997f) << b;
-        EXPECT_EQ(st.gain_current > 0.997f, b == 4) << b;
-    }
-    EXPECT_EQ(st.hold_count, 0);
+// A ramp ends on its target and stays there (the chain's ramps never get that far in a block).
+TEST(DynamicProcessor, ARampStopsOnItsTarget) {
+    Param p = instant(3);
+    p.gain_attack = 1;  // 48 samples
+    sa6_dynamic_processor_t st = processor(p);
+    std::vector<float> x(100, 0.5f);
+    sa6_dynamic_processor_process_f(&st, x.data(), x.data(), 100);
+    EXPECT_NEAR(st.gain_current, pow(10.0, curve_db(3, 20 * log10(0.5), -20, 4, 10) / 20), 1e-6);
+    EXPECT_EQ(x[99], x[60]);
+    EXPECT_GT(x[20], x[60]);
 }
 
 TEST(DynamicProcessor, DivisorsNeverYieldAnInfiniteGain) {

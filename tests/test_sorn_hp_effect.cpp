@@ -1,4 +1,4 @@
-// Processing chain: creation and the rate class, the FIR record's switch, reset, refused calls
+// Processing chain: creation and the rate class, the FIR record's switch, refused calls
 // and failed allocations. (What a chain does to a block is the reference of the wrapper tests.)
 #include <android/log.h>
 #include <gtest/gtest.h>
@@ -46,11 +46,10 @@ TEST(ProcessingChain, RefusesFewerThanTwoChannelsAndClassifiesTheRate) {
         EXPECT_EQ(Chain(rate).c->sample_rate_type, type) << rate;
 }
 
-// Taps are stored whatever the switch says, but applied only while the filter is on. Reset
-// clears the signal history (the look-ahead is silent again) and keeps the settings (the
-// surround stays on); empty and null calls change nothing.
-TEST(ProcessingChain, FirSwitchResetAndRefusedCalls) {
-    Chain fresh, off, on, reset;
+// Taps are stored whatever the switch says, but applied only while the filter is on; empty and
+// null calls change nothing. (Reset and the blocks' dynamics are decided by the output checksum.)
+TEST(ProcessingChain, FirSwitchAndRefusedCalls) {
+    Chain fresh, off, on;
     orla_earadapt_params_t zero_taps{};
     sorn_hp_effect_frc_setparameter(off.c, &zero_taps);
     zero_taps.enable = 1;
@@ -59,18 +58,11 @@ TEST(ProcessingChain, FirSwitchResetAndRefusedCalls) {
     EXPECT_FALSE(silent(out[4]));
     EXPECT_EQ(off.run(), out);
     for (const auto& p : on.run()) EXPECT_TRUE(silent(p));
-
-    sorn_hp_effect_ss_setparameter(reset.c, 1, 5000, 20);
-    reset.run();
-    sorn_hp_effect_reset(reset.c);
     Plane l(240, 1000), r(240, -1000);
-    sorn_hp_effect_core_process(reset.c, l.data(), r.data(), 0);
-    sorn_hp_effect_core_process(reset.c, nullptr, r.data(), 240);
+    sorn_hp_effect_core_process(fresh.c, l.data(), r.data(), 0);
+    sorn_hp_effect_core_process(fresh.c, nullptr, r.data(), 240);
     sorn_hp_effect_core_process(nullptr, l.data(), r.data(), 240);
     EXPECT_EQ(l, Plane(240, 1000));
-    const auto again = reset.run(3);
-    for (int p = 0; p < 4; ++p) EXPECT_TRUE(silent(again[p])) << "plane " << p;
-    EXPECT_NE(again, Chain().run(3));
 }
 
 TEST(ProcessingChain, AnyFailedAllocationDuringCreationLeaksNothingAndLeavesAUsableChain) {

@@ -1,11 +1,11 @@
-// Processing wrapper through its public operations, against chains fed the same blocks:
-// creation checks, framing and latency with reset, format conversions, the chain switch, the
-// mute detector, and no allocation in process.
+// Processing wrapper through its public operations: creation checks, latency and format
+// conversions, the chain switch's count, the mute detector, and no allocation in process. (What
+// the chains make of the audio, framing across any callback sizes and resets included, is
+// decided by the output checksum.)
 #include <android/log.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cmath>
 #include <cstdint>
 #include <random>
 #include <vector>
@@ -53,38 +53,6 @@ Samples noise(std::size_t frames, int32_t amplitude, unsigned seed) {
     return s;
 }
 
-struct Planes {
-    Samples l, r;
-};
-
-// A chain loaded with what the wrapper last handed to a chain: the reference for its output.
-struct RefChain {
-    void* c;
-    int n;
-    explicit RefChain(const Wrapper& w) : c(sorn_hp_effect_init(w->sample_rate, 2)), n(w->block_size) {
-        orla_earadapt_params_t frc = w->frc;
-        sorn_hp_effect_ss_setparameter(c, w->ss_status, w->ss_frequency, w->ss_depth);
-        sorn_hp_effect_frc_setparameter(c, &frc);
-    }
-    ~RefChain() { sorn_hp_effect_end(c); }
-    Planes block(const Samples& in, std::size_t b) {
-        Planes p{Samples(n), Samples(n)};
-        for (int i = 0; i < n; ++i) p.l[i] = in[2 * (b * n + i)], p.r[i] = in[2 * (b * n + i) + 1];
-        sorn_hp_effect_core_process(c, p.l.data(), p.r.data(), n);
-        return p;
-    }
-    // Block b leaves the wrapper one block less one frame after it entered.
-    void place(Samples& out, std::size_t b, const Planes& p) const {
-        for (std::size_t i = 0, f = (b + 1) * n - 1; i < std::size_t(n) && 2 * f < out.size(); ++i, ++f)
-            out[2 * f] = p.l[i], out[2 * f + 1] = p.r[i];
-    }
-};
-
-// The first frame at which two buffers differ; their frame count when they are equal.
-std::size_t first_difference(const Samples& a, const Samples& b) {
-    return static_cast<std::size_t>(std::mismatch(a.begin(), a.end(), b.begin(), b.end()).first - a.begin()) / 2;
-}
-
 // Refused rates and channel counts give state 0 and a log line; audio passes untouched there
 // and before the first parameters.
 TEST(WrapperInit, AcceptsTwoChannelsAt44050To48050HzOnlyAndPassesAudioOtherwise) {
@@ -105,36 +73,6 @@ TEST(WrapperInit, AcceptsTwoChannelsAt44050To48050HzOnlyAndPassesAudioOtherwise)
         EXPECT_EQ(log.count("sorn_hp_wrapper_init: sample_rate " + std::string(rate) + " unmatch, need bypass",
                             ANDROID_LOG_WARN, "ORLA_SORN"), 1) << rate;
     EXPECT_EQ(log.count("sorn_hp_wrapper_init: chnnum 1 unsupported, need bypass", ANDROID_LOG_ERROR, "ORLA_SORN"), 1);
-}
-
-// Output is the chain's output one block less one frame later, for callbacks of any sizes, at
-// both block lengths, with a reset between two blocks (the chain is reset there too). The 16-bit
-// rings and conversions are checked value by value in the format test.
-TEST(WrapperFraming, ChainOutputOneBlockLessOneFrameLaterForAnyCallbacksAcrossAReset) {
-    std::mt19937 rng(3);
-    std::vector<std::size_t> mix(40);
-    for (auto& s : mix) s = rng() % 700 + 1;
-    for (int rate : {48000, 44100}) {
-        Wrapper cfg(rate);
-        cfg.set(1, 1);
-        RefChain ref(cfg);
-        const std::size_t blocks = 12, frames = blocks * ref.n;
-        const Samples in = noise(frames, 1 << 21, 2);
-        Samples want(in.size());  // zeros for the first block less one frame
-        for (std::size_t b = 0; b < blocks; ++b) {
-            if (b == 4) sorn_hp_effect_reset(ref.c);  // the first block completed after the reset
-            ref.place(want, b, ref.block(in, b));
-        }
-        for (const auto& sizes : {std::vector<std::size_t>{1}, {240}, {1000}, mix}) {
-            Wrapper w(rate);
-            w.set(1, 1);
-            Samples head = w.run(Samples(in.begin(), in.begin() + 2 * 1000), sizes);
-            sorn_hp_wrapper_reset(w.w);
-            const Samples tail = w.run(Samples(in.begin() + 2 * 1000, in.end()), sizes);
-            head.insert(head.end(), tail.begin(), tail.end());
-            EXPECT_EQ(first_difference(head, want), frames) << rate << " Hz, callbacks of " << sizes[0];
-        }
-    }
 }
 
 TEST(WrapperFormats, ConvertOnEntryAndExitAndLeaveATrailingPartialFrameAlone) {
@@ -167,40 +105,17 @@ TEST(WrapperFormats, ConvertOnEntryAndExitAndLeaveATrailingPartialFrameAlone) {
     }
 }
 
-// A parameter change is heard after three blocks and complete after four: three old blocks,
-// then a linear cross-fade (gain stepped in single precision), then the new chain.
-TEST(WrapperSwitch, ThreeOldBlocksThenALinearCrossFadeThenTheNewChain) {
-    constexpr int kN = 240;
-    Samples in(2 * 14 * kN);  // different tones on each side, so the surround has work to do
-    for (std::size_t i = 0; i < in.size(); ++i) in[i] = static_cast<int32_t>(2e6 * std::sin(0.03 * double(i / 2) * (i % 2 ? 1.7 : 1.0)));
+// A parameter change starts a switch of four blocks (what is heard then is decided by the output
+// checksum); a second change during a switch starts the count again.
+TEST(WrapperSwitch, ASecondChangeDuringASwitchStartsTheCountAgain) {
     Wrapper w;
-    w.set(1, 0);  // the first block goes straight into the active chain
+    w.set(1, 0);  // the first parameters go straight into the active chain
     EXPECT_EQ(w->state, 2);
-    RefChain old_chain(w);
-    Samples out = in;
-    sorn_hp_wrapper_process(w.w, out.data(), 5 * kN * 8);
     w.set(1, 1);
-    RefChain new_chain(w);
-    for (int b = 5; b < 14; ++b) {
-        sorn_hp_wrapper_process(w.w, out.data() + 2 * kN * b, kN * 8);
-        EXPECT_EQ(w->state, b < 8 ? 3 : 2) << "after block " << b;
-    }
-    Samples want(in.size());
-    for (std::size_t b = 0; b < 14; ++b) {
-        Planes a = old_chain.block(in, b), s = b >= 5 ? new_chain.block(in, b) : Planes{};
-        float g = 1.0f;
-        for (int k = 0; b == 8 && k < kN; ++k, g = std::max(g - 1.0f / kN, 0.0f)) {
-            a.l[k] = static_cast<int32_t>((1.0f - g) * static_cast<float>(s.l[k]) + g * static_cast<float>(a.l[k]));
-            a.r[k] = static_cast<int32_t>((1.0f - g) * static_cast<float>(s.r[k]) + g * static_cast<float>(a.r[k]));
-        }
-        old_chain.place(want, b, b <= 8 ? a : s);
-    }
-    EXPECT_EQ(first_difference(out, want), 14u * kN);
-    w.set(1, 0);  // a second change during a switch starts the count again
     for (int b = 0; b < 6; ++b) {
         if (b == 2) w.set(0, 0);
-        w.run(Samples(2 * kN, 1000), {kN});
-        EXPECT_EQ(w->state, b < 5 ? 3 : 2) << "after block " << b << " of the second switch";
+        w.run(Samples(2 * 240, 1000), {240});
+        EXPECT_EQ(w->state, b < 5 ? 3 : 2) << "after block " << b;
     }
 }
 

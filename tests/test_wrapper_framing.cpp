@@ -10,28 +10,18 @@ namespace {
 
 using V = std::vector<int32_t>;
 
-// Order kept across the wrap; reads of an empty ring give zeros; a full ring drops its oldest
-// elements however the writes are split; 16-bit elements move whole.
-TEST(RingBuffer, KeepsOrderDropsTheOldestWhenFullAndReadsZeroWhenEmpty) {
+// A full ring drops its oldest elements however the writes are split (process never fills one;
+// order, wrap, empty reads and 16-bit elements are decided by the output checksum).
+TEST(RingBuffer, DropsTheOldestWhenFull) {
     V storage(4);
     sorn_ringbuf_t rb{32, 4, 0, 0, 0, storage.data()};
-    auto write = [&](V v) { sorn_ringbuf_write(&rb, v.data(), int(v.size())); };
-    auto read = [&](int n) { V v(n, -7); sorn_ringbuf_read(&rb, v.data(), n); return v; };
-    EXPECT_EQ(read(1), V{0});
-    write({1, 2, 3});
-    EXPECT_EQ(read(2), (V{1, 2}));
-    write({4, 5, 6});  // wraps
-    EXPECT_EQ(read(5), (V{3, 4, 5, 6, 0}));
     for (const auto& writes : {std::vector<V>{{1, 2, 3, 4, 5, 6, 7}}, {{1, 2}, {3, 4, 5, 6, 7}}, {{1, 2, 3}, {4}, {5, 6}, {7}}}) {
-        for (const auto& w : writes) write(w);
+        for (V w : writes) sorn_ringbuf_write(&rb, w.data(), int(w.size()));
         EXPECT_TRUE(rb.fill == 4 && rb.read_pos == rb.write_pos);
-        EXPECT_EQ(read(5), (V{4, 5, 6, 7, 0}));
+        V got(5, -7);
+        sorn_ringbuf_read(&rb, got.data(), 5);
+        EXPECT_EQ(got, (V{4, 5, 6, 7, 0}));
     }
-    int16_t in16[3] = {-1, 32767, -32768}, out16[4] = {5, 5, 5, 5}, storage16[3];
-    sorn_ringbuf_t r16{16, 3, 0, 0, 0, storage16};
-    sorn_ringbuf_write(&r16, in16, 3);
-    sorn_ringbuf_read(&r16, out16, 3);
-    EXPECT_EQ(std::vector<int16_t>(out16, out16 + 4), (std::vector<int16_t>{-1, 32767, -32768, 5}));
 }
 
 // Chain output beyond the 24-bit scale (which process cannot feed in) saturates on the way out.
