@@ -1,14 +1,9 @@
 // End-to-end: the sorn-hp executable as a user runs it.
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-
 #include <cmath>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <random>
 
 #include "tests/test_effect_harness.h"
+#include "tests/tool_test_support.h"
 #include "tools/audio_file.h"
 #include "tools/builtin_tuning.h"
 #include "tools/tuning.h"
@@ -18,44 +13,13 @@ namespace {
 namespace fs = std::filesystem;
 using namespace sorn_tool;
 using sorn_test::has;
-
-struct Result {
-    int code = -1;
-    std::string out, err;
-};
-
-std::string slurp(const fs::path &p) {
-    std::ifstream in(p, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
+using sorn_test::slurp;
+using Result = sorn_test::ToolResult;
 
 void spit(const fs::path &p, const std::string &text) { std::ofstream(p, std::ios::binary) << text; }
 
-
-class ToolCli : public ::testing::Test {
+class ToolCli : public sorn_test::ToolDir {
 protected:
-    fs::path dir;
-
-    void SetUp() override {
-        char tmpl[] = "/tmp/sorn-hp-test-XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(tmpl));
-        dir = tmpl;
-    }
-    void TearDown() override { fs::remove_all(dir); }
-    fs::path at(const std::string &name) const { return dir / name; }
-
-    // Runs the tool in `dir`; `env` holds NAME=value settings for this run only.
-    Result tool(const std::vector<std::string> &args, const std::string &env = "") {
-        std::string cmd = "cd '" + dir.string() + "' && env " + env;
-#ifdef SORN_HP_TOOL_EMULATOR
-        cmd += " '" SORN_HP_TOOL_EMULATOR "'";  // cross builds run the tool under qemu-user
-#endif
-        cmd += " '" SORN_HP_TOOL "'";
-        for (const std::string &a : args) cmd += " '" + a + "'";
-        const int status = std::system((cmd + " >.stdout 2>.stderr").c_str());
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, slurp(at(".stdout")), slurp(at(".stderr"))};
-    }
-
     // Tones, noise and a pause, different on each channel.
     void write_signal(const std::string &name, int rate, int channels, double seconds) {
         AudioBuffer b;

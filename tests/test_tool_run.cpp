@@ -1,12 +1,9 @@
 // The sorn-hp tool's effect host and run loop against the real library: a file run streams in
 // chunks, resamples through libsoxr when asked, and gives the library's own output bit for bit.
-#include <gtest/gtest.h>
 #include <soxr.h>
 
-#include <filesystem>
-#include <fstream>
-
 #include "tests/test_effect_harness.h"
+#include "tests/tool_test_support.h"
 #include "tools/builtin_tuning.h"
 #include "tools/file_run.h"
 #include "tools/tuning.h"
@@ -39,13 +36,8 @@ TEST(ToolRun, LoadsTheLibraryAndChecksItLikeTheFactory) {
     EXPECT_TRUE(std::fabs(lv.peak_dbfs + 6.02) < 0.01 && std::fabs(lv.rms_dbfs + 8.06) < 0.01);
 }
 
-class ToolFileRun : public ::testing::Test {
+class ToolFileRun : public sorn_test::ToolDir {
 protected:
-    fs::path dir = fs::temp_directory_path() / ("sorn-hp-run-" + std::to_string(getpid()));
-    void SetUp() override { fs::create_directories(dir); }
-    void TearDown() override { fs::remove_all(dir); }
-    std::string at(const std::string &name) const { return (dir / name).string(); }
-
     // Tones and a rough noise for 1.2345 s, which no chunk or call size divides; two samples at
     // full scale.
     void write_signal(const std::string &name, int rate, int channels) {
@@ -127,25 +119,22 @@ TEST_F(ToolFileRun, StreamedRunMatchesTheLibraryDrivenDirectly) {
 // (its header promises more than it holds; its decoder finds it cut part way) is an error, and
 // neither the output nor a temporary file is left.
 TEST_F(ToolFileRun, RateOptionAndFilesCutShort) {
-    const struct { const char *name, *args; int code; const char *message; } cases[] = {
-        {"in.wav", "--rate 48000 --frames 100 --device usb-headset", 0,
+    const struct { const char *name; std::vector<std::string> args; int code; const char *message; } cases[] = {
+        {"in.wav", {"--rate", "48000", "--frames", "100", "--device", "usb-headset"}, 0,
          "in.wav is at 96000 Hz: resampled to 48000 Hz before the effect"},
-        {"in.wav", "--rate 96000", 1, "--rate 96000: give a rate the effect processes (44050 to 48050 Hz)"},
-        {"cut.wav", "--rate 48000", 2, "cut.wav: cannot read to its end: its header declares"},
-        {"cut.flac", "--rate 48000", 2, "cut.flac: cannot read to its end"},
-        {"cut.flac", "", 2, "cut.flac: cannot read to its end"}};
+        {"in.wav", {"--rate", "96000"}, 1, "--rate 96000: give a rate the effect processes (44050 to 48050 Hz)"},
+        {"cut.wav", {"--rate", "48000"}, 2, "cut.wav: cannot read to its end: its header declares"},
+        {"cut.flac", {"--rate", "48000"}, 2, "cut.flac: cannot read to its end"},
+        {"cut.flac", {}, 2, "cut.flac: cannot read to its end"}};
     for (const auto &c : cases) {
+        SCOPED_TRACE(c.name + std::string(" ") + c.message);
         write_signal(c.name, 96000, 2);
         if (c.code == 2) fs::resize_file(at(c.name), fs::file_size(at(c.name)) * 6 / 10);
-        std::string cmd = "cd '" + dir.string() + "' && ";
-#ifdef SORN_HP_TOOL_EMULATOR
-        cmd += "'" SORN_HP_TOOL_EMULATOR "' ";  // cross builds run the tool under qemu-user
-#endif
-        cmd += "'" SORN_HP_TOOL "' run " + std::string(c.name) + " out.wav " + c.args + " >/dev/null 2>err.txt";
-        EXPECT_EQ(c.code, WEXITSTATUS(std::system(cmd.c_str()))) << c.name << " " << c.args;
-        std::ifstream e(at("err.txt"));
-        const std::string err{std::istreambuf_iterator<char>(e), std::istreambuf_iterator<char>()};
-        EXPECT_TRUE(has(err, c.message)) << err;
+        std::vector<std::string> args{"run", c.name, "out.wav"};
+        args.insert(args.end(), c.args.begin(), c.args.end());
+        const sorn_test::ToolResult r = tool(args);
+        EXPECT_EQ(c.code, r.code);
+        EXPECT_TRUE(has(r.err, c.message)) << r.err;
         if (c.code == 0) {
             AudioReader reader;
             RunReport report;
@@ -160,8 +149,8 @@ TEST_F(ToolFileRun, RateOptionAndFilesCutShort) {
             EXPECT_TRUE(tool_out.f32 == want.f32 && tool_out.rate == 48000);
             fs::remove(at("want.wav"));
         }
-        // The input, the messages and, only on success, the output: no temporary file.
-        EXPECT_EQ(c.code == 0 ? 3 : 2, std::distance(fs::directory_iterator(dir), fs::directory_iterator()));
+        // The input, the two streams and, only on success, the output: no temporary file.
+        EXPECT_EQ(c.code == 0 ? 4 : 3, std::distance(fs::directory_iterator(dir), fs::directory_iterator()));
         fs::remove(at(c.name)), fs::remove(at("out.wav"));
     }
 }

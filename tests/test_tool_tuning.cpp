@@ -1,6 +1,7 @@
 // Tuning files and parameter blocks of the sorn-hp tool.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
 #include <string>
 
@@ -107,18 +108,13 @@ TEST(ToolTuning, TablesAreTakenAsGivenOrResampledWithANote) {
     TuningResult ends = one_group("ea", "\"enabled\": 1, \"points\": [[0,2.0],[100,1],[200,0],[300,0],[400,0],"
                                         "[500,0],[600,0],[22000,-3e0]]", ", \"surround\": false");
     ASSERT_TRUE(ends.ok) << ends.error;
-    EXPECT_TRUE(ends.notes.empty());
-    EXPECT_EQ(2, ends.params.ea_gain[0]);
-    EXPECT_EQ(22000u, ends.params.ea_freq[7]);
-    EXPECT_EQ(-3, ends.params.ea_gain[7]);
+    EXPECT_TRUE(ends.notes.empty() && ends.params.ea_gain[0] == 2 && ends.params.ea_freq[7] == 22000u &&
+                ends.params.ea_gain[7] == -3);
     TuningResult t = one_group("hp", "\"enabled\": true, \"points\": [[100,-4],[1000,0],[10000,4]]");
-    ASSERT_TRUE(t.ok) << t.error;
-    ASSERT_EQ(1u, t.notes.size());
+    ASSERT_TRUE(t.ok && t.notes.size() == 1) << t.error;
     EXPECT_NE(std::string::npos, t.notes[0].find("hp.points: 3 points resampled to the block's 12")) << t.notes[0];
-    EXPECT_EQ(100u, t.params.hp_freq[0]);
-    EXPECT_EQ(10000u, t.params.hp_freq[11]);
-    EXPECT_EQ(-4, t.params.hp_gain[0]);
-    EXPECT_EQ(4, t.params.hp_gain[11]);
+    EXPECT_TRUE(t.params.hp_freq[0] == 100u && t.params.hp_freq[11] == 10000u && t.params.hp_gain[0] == -4 &&
+                t.params.hp_gain[11] == 4);
     TuningResult top = one_group("lc", "\"enabled\": true, \"points\": [[21990,0],[21995,1],[21999,2]]");
     ASSERT_TRUE(top.ok) << top.error;
     EXPECT_LE(top.params.lc_freq[11], 22000u);
@@ -127,9 +123,8 @@ TEST(ToolTuning, TablesAreTakenAsGivenOrResampledWithANote) {
         EXPECT_GE(t.params.hp_gain[i], t.params.hp_gain[i - 1]) << "a rising curve stays rising";
         EXPECT_GT(top.params.lc_freq[i], top.params.lc_freq[i - 1]);
     }
-    TuningResult one = one_group("ea", "\"enabled\": true, \"points\": [[1000,3]]");
-    ASSERT_TRUE(one.ok) << one.error;
-    for (int i = 0; i < 8; ++i) EXPECT_EQ(3, one.params.ea_gain[i]);
+    const TuningResult one = one_group("ea", "\"enabled\": true, \"points\": [[1000,3]]");
+    EXPECT_TRUE(one.ok && std::count(one.params.ea_gain, one.params.ea_gain + 8, 3) == 8);
 }
 
 // The target an import fitted to travels with the tuning file but never reaches the block.
