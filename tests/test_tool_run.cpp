@@ -36,21 +36,7 @@ TEST(ToolRun, LoadsTheLibraryAndChecksItLikeTheFactory) {
     EXPECT_TRUE(std::fabs(lv.peak_dbfs + 6.02) < 0.01 && std::fabs(lv.rms_dbfs + 8.06) < 0.01);
 }
 
-class ToolFileRun : public sorn_test::ToolDir {
-protected:
-    // Tones and a rough noise for 1.2345 s, which no chunk or call size divides; two samples at
-    // full scale.
-    void write_signal(const std::string &name, int rate, int channels) {
-        AudioBuffer b;
-        audio_allocate(b, rate, channels, static_cast<int64_t>(1.2345 * rate), SampleFormat::f32);
-        for (size_t i = 0; i < b.f32.size(); ++i)
-            b.f32[i] = float(0.3 * std::sin(2 * M_PI * (i % 2 ? 330 : 110) * double(i / channels) / rate) +
-                             0.001 * double(i * 7919 % 101));
-        b.f32[3000] = -1.0f, b.f32[3001] = 1.0f;
-        std::string error;
-        ASSERT_TRUE(audio_write(at(name), b, error)) << error;
-    }
-};
+using ToolFileRun = sorn_test::ToolDir;
 
 // Whatever the chunk and call sizes, a file run gives what the library gives when driven
 // directly with the whole recording (resampled first by libsoxr at high quality, float out

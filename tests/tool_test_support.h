@@ -1,15 +1,19 @@
-// The sorn-hp executable run as a user runs it, in a temporary folder of its own per test.
+// The sorn-hp executable run as a user runs it, in a temporary folder of its own per test, and
+// the test signal its runs read.
 #ifndef SORN_TESTS_TOOL_TEST_SUPPORT_H
 #define SORN_TESTS_TOOL_TEST_SUPPORT_H
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <cmath>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
+
+#include "tools/audio_file.h"
 
 namespace sorn_test {
 
@@ -48,6 +52,19 @@ protected:
         for (const std::string &a : args) cmd += " '" + a + "'";
         const int status = std::system((cmd + " >.stdout 2>.stderr").c_str());
         return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, slurp(at(".stdout")), slurp(at(".stderr"))};
+    }
+
+    // Tones and a rough noise, different on each channel, for a length (by default 1.2345 s)
+    // that no chunk or call size divides; two samples at full scale.
+    void write_signal(const std::string &name, int rate, int channels, double seconds = 1.2345) {
+        sorn_tool::AudioBuffer b;
+        sorn_tool::audio_allocate(b, rate, channels, static_cast<int64_t>(seconds * rate), sorn_tool::SampleFormat::f32);
+        for (size_t i = 0; i < b.f32.size(); ++i)
+            b.f32[i] = float(0.3 * std::sin(2 * M_PI * (i % 2 ? 330 : 110) * double(i / channels) / rate) +
+                             0.001 * double(i * 7919 % 101));
+        b.f32.at(3000) = -1.0f, b.f32.at(3001) = 1.0f;
+        std::string error;
+        ASSERT_TRUE(sorn_tool::audio_write(at(name), b, error)) << error;
     }
 };
 
