@@ -15,6 +15,7 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <fstream>
 #include <random>
 
 #include "fuzz/fuzz_common.h"
@@ -40,10 +41,7 @@ Heap heap_now() {
     malloc_trim(0);
     const struct mallinfo2 mi = mallinfo2();
     long pages = 0, resident = -1;
-    if (FILE *f = std::fopen("/proc/self/statm", "r")) {
-        if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = -1;
-        std::fclose(f);
-    }
+    if (!(std::ifstream("/proc/self/statm") >> pages >> resident)) resident = -1;
     return {sorn_test::AllocCounter::live(), mi.uordblks + mi.hblkhd, resident * (sysconf(_SC_PAGESIZE) / 1024)};
 }
 
