@@ -101,12 +101,9 @@ TEST_F(ToolCli, ErrorsAndWarningsGiveTheirMessagesAndExitCodes) {
     spit(at("bad.json"), "{\"hp\": {\"enabled\": true, \"points\": [[50, 0], [200, 0], [25000, 1]]}}");
     spit(at("odd.bin"), std::string(100, '\0'));
     const std::string bad_freq = "bad.json: hp.points: point 3 [25000, 1]: frequency 25000 Hz is above 22000 Hz";
-    const struct {
-        std::vector<std::string> args;
-        int code;
-        std::string message;
-        const char *must_not_exist;
-    } cases[] = {
+    spit(at("old.wav"), "old");
+    const char *env_lib = "SORN_HP_LIB=/nonexistent/env.so";
+    const struct { std::vector<std::string> args; int code; std::string message; const char *must_not_exist, *env = nullptr; } cases[] = {
         {{"run", "in.wav", "out.wav", "--tuning", "bad.json"}, 2, bad_freq, "out.wav"},
         {{"params", "bad.json", "-o", "bad.bin"}, 2, bad_freq, "bad.bin"},
         {{"design", "bad.json", "--plot", "bad.png"}, 2, bad_freq, "bad.png"},
@@ -128,32 +125,22 @@ TEST_F(ToolCli, ErrorsAndWarningsGiveTheirMessagesAndExitCodes) {
         {{"import", "bad.json", "-o", "x.json", "--rate", "8000"}, 1, "--rate 8000", "x.json"},
         // Not an error, but said loudly: the output is the input unchanged.
         {{"run", "slow.wav", "slow-out.wav"}, 0, "THE EFFECT DOES NOT PROCESS THIS RATE", nullptr},
+        // An existing output needs -y; the environment names the library; --lib overrides it.
+        {{"run", "in.wav", "old.wav"}, 1, "old.wav exists; add -y to overwrite it", nullptr},
+        {{"info"}, 2, "/nonexistent/env.so", nullptr, env_lib},
+        {{"info", "--lib", SORN_LIBRARY_PATH}, 0, "", nullptr, env_lib},
     };
     for (const auto &c : cases) {
-        SCOPED_TRACE(c.args[0] + " " + c.args[1] + " " + c.message);
-        Result r = tool(c.args);
+        SCOPED_TRACE(c.args[0] + " " + c.args.back() + " " + c.message);
+        Result r = tool(c.args, c.env ? c.env : "");
         EXPECT_EQ(c.code, r.code) << r.err;
         EXPECT_TRUE(has(r.err, c.message)) << r.err;
-        if (c.must_not_exist) {
-            EXPECT_FALSE(fs::exists(at(c.must_not_exist)));
-        }
+        EXPECT_TRUE(!c.must_not_exist || !fs::exists(at(c.must_not_exist)));
     }
-
-    // The environment names the library; --lib overrides the environment.
-    Result env = tool({"info"}, "SORN_HP_LIB=/nonexistent/env.so");
-    EXPECT_EQ(2, env.code);
-    EXPECT_TRUE(has(env.err, "/nonexistent/env.so"));
-    EXPECT_EQ(0, tool({"info", "--lib", SORN_LIBRARY_PATH}, "SORN_HP_LIB=/nonexistent/env.so").code);
-
-    // An existing output needs -y; -q leaves nothing on either stream.
-    spit(at("out.wav"), "old");
-    Result exists = tool({"run", "in.wav", "out.wav"});
-    EXPECT_EQ(1, exists.code);
-    EXPECT_TRUE(has(exists.err, "out.wav exists; add -y to overwrite it"));
-    EXPECT_EQ("old", slurp(at("out.wav")));
-    Result quiet = tool({"run", "in.wav", "out.wav", "-y", "-q"});
-    EXPECT_EQ(0, quiet.code);
-    EXPECT_EQ("", quiet.out + quiet.err);
+    EXPECT_EQ("old", slurp(at("old.wav")));
+    // -q leaves nothing on either stream.
+    const Result quiet = tool({"run", "in.wav", "out.wav", "-y", "-q"});
+    EXPECT_TRUE(quiet.code == 0 && quiet.out + quiet.err == "") << quiet.err;
 }
 
 }  // namespace

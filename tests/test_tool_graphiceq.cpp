@@ -63,7 +63,6 @@ TEST(ToolImport, MistakesNameTheFileTheLineAndTheProblem) {
         {"20,1\n10,2", "line 2: frequency is not above the previous row's"},
         {"20,1,3\n30,1,2", "line 2: expected two numbers, frequency in Hz and gain in dB (this row has 3 columns)"},
         {"20 1", "at least two rows"},
-        {"{\"hp\": 1}", "eq.txt: not a correction"},
     };
     for (const auto &[text, expect] : cases) {
         ImportedCurve r = eq_import_parse(text, "eq.txt");

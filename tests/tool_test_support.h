@@ -19,10 +19,7 @@ namespace sorn_test {
 
 namespace fs = std::filesystem;
 
-struct ToolResult {
-    int code = -1;
-    std::string out, err;
-};
+struct ToolResult { int code = -1; std::string out, err; };
 
 inline std::string slurp(const fs::path &p) {
     std::ifstream in(p, std::ios::binary);
