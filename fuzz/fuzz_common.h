@@ -60,11 +60,8 @@ inline void put_sample(uint8_t *buf, uint32_t format, size_t i, double v) {
 
 inline effect_config_t stereo_config(uint32_t rate, uint32_t format, bool accumulate) {
     effect_config_t c{};
-    for (buffer_config_t *b : {&c.inputCfg, &c.outputCfg}) {
-        b->samplingRate = rate;
-        b->channels = AUDIO_CHANNEL_OUT_STEREO;
-        b->format = static_cast<uint8_t>(format);
-    }
+    for (buffer_config_t *b : {&c.inputCfg, &c.outputCfg})
+        b->samplingRate = rate, b->channels = AUDIO_CHANNEL_OUT_STEREO, b->format = static_cast<uint8_t>(format);
     c.inputCfg.accessMode = EFFECT_BUFFER_ACCESS_READ;
     c.outputCfg.accessMode = accumulate ? EFFECT_BUFFER_ACCESS_ACCUMULATE : EFFECT_BUFFER_ACCESS_WRITE;
     return c;

@@ -34,10 +34,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
                "stream set-up refused");
     size_t total = 0;
     for (int call = 0; call < kMaxCalls && fdp.remaining_bytes() > 0 && total < kMaxFrames; ++call) {
-        if (toggle && call == kMaxCalls / 2) {
+        if (toggle && call == kMaxCalls / 2)
             FUZZ_CHECK(sorn_fuzz::send(h, EFFECT_CMD_DISABLE) == 0 && sorn_fuzz::send(h, EFFECT_CMD_ENABLE) == 0,
                        "disable or enable refused");
-        }
         const size_t frames = fdp.ConsumeIntegralInRange(0, 3) == 0
                                   ? fdp.ConsumeIntegralInRange<size_t>(1, 2048)
                                   : std::array<size_t, 8>{240, 480, 192, 960, 1, 1024, 441, 256}
