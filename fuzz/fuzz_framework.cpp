@@ -136,10 +136,9 @@ std::vector<uint8_t> command_payload(FuzzedDataProvider &fdp, uint32_t code, boo
 
 uint32_t command_code(FuzzedDataProvider &fdp) {
     const int k = fdp.ConsumeIntegralInRange(0, 15);
-    if (k < 10) {
+    if (k < 10)
         return pick(fdp, U8{EFFECT_CMD_SET_CONFIG, EFFECT_CMD_ENABLE, EFFECT_CMD_DISABLE, EFFECT_CMD_SET_PARAM,
                             EFFECT_CMD_GET_PARAM, EFFECT_CMD_SET_DEVICE, EFFECT_CMD_SET_AUDIO_MODE, EFFECT_CMD_SET_PARAM});
-    }
     return k < 14 ? fdp.ConsumeIntegralInRange<uint32_t>(0, 21) : fdp.ConsumeIntegral<uint32_t>();
 }
 
@@ -159,8 +158,7 @@ void do_command(FuzzedDataProvider &fdp, Instance &in, Budget &budget) {
     const bool null_cmd = fdp.ConsumeIntegralInRange(0, 15) == 0;
     const uint32_t capacity = fdp.ConsumeIntegralInRange(0, 3) != 0 ? pick(fdp, U8{4, 4, 1040, 20, 0, 8, 19, 16})
                                                                     : fdp.ConsumeIntegralInRange<uint32_t>(0, 2048);
-    const bool null_reply = fdp.ConsumeIntegralInRange(0, 11) == 0;
-    const bool null_size = fdp.ConsumeIntegralInRange(0, 11) == 0;
+    const bool null_reply = fdp.ConsumeIntegralInRange(0, 11) == 0, null_size = fdp.ConsumeIntegralInRange(0, 11) == 0;
     ExactBuffer reply(capacity);
     const auto reply_before = reply.snapshot();
     uint32_t reply_size = capacity;
@@ -235,9 +233,9 @@ void do_process(FuzzedDataProvider &fdp, Instance &in, Budget &budget) {
     ExactBuffer &target = in_place ? in_buf : out_buf;
     const auto in_before = in_buf.snapshot(), out_before = target.snapshot();
 
-    const bool null_in = fdp.ConsumeIntegralInRange(0, 31) == 0;
-    const bool null_out = fdp.ConsumeIntegralInRange(0, 31) == 0;
-    const bool null_self = fdp.ConsumeIntegralInRange(0, 31) == 0;
+    // Declarators initialize in order, so the three are read from the input one after the other.
+    const bool null_in = fdp.ConsumeIntegralInRange(0, 31) == 0, null_out = fdp.ConsumeIntegralInRange(0, 31) == 0,
+               null_self = fdp.ConsumeIntegralInRange(0, 31) == 0;
     audio_buffer_t ib{frames, {null_in ? nullptr : in_buf.data()}}, ob{out_frames, {null_out ? nullptr : target.data()}};
     const int32_t r = (*in.h)->process(null_self ? nullptr : in.h, &ib, &ob);
 

@@ -26,8 +26,8 @@ namespace {
 using namespace sorn_fuzz;
 constexpr uint32_t kRate = 48000;
 std::atomic<long> g_log_lines{0}, g_mute_trips{0};
-long g_failures = 0, g_callbacks = 0, g_events = 0, g_queries = 0;
-long g_active_queries = 0;  // status answers showing the chain heard and no silence gate
+// g_active_queries: status answers showing the chain heard and no silence gate.
+long g_failures = 0, g_callbacks = 0, g_events = 0, g_queries = 0, g_active_queries = 0;
 long long g_steady_allocs = 0;
 
 void fail(const char *what, long detail) {
