@@ -32,20 +32,14 @@ namespace sorn_fuzz {
 inline constexpr effect_uuid_t kUuid = {0x40050b20, 0x6999, 0x11e0, 0xb0d8,
                                         {0x00, 0x02, 0xa5, 0xd5, 0xc5, 0x34}};
 
-// Log lines are formatted by liblog (so a bad format argument still shows) but dropped.
-inline void quiet_logs() {
-    __android_log_set_logger([](const struct __android_logger_data *, const char *) {});
-    __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
-}
-
-// A heap block of exactly `size` bytes (an empty array for 0). Never a vector with spare
-// capacity: the redzone must start right after the last byte.
+// A heap block of exactly `size` bytes (an empty array for 0), filled with `fill` (by default a
+// pattern no writer leaves by chance). Never a vector with spare capacity: the redzone must start
+// right after the last byte.
 struct ExactBuffer {
-    explicit ExactBuffer(size_t size) : bytes(size), block(new uint8_t[size]) {}
-    uint8_t *data() { return block.get(); }
+    explicit ExactBuffer(size_t size, uint8_t fill = 0xA5) : bytes(size), block(new uint8_t[size]) { std::memset(data(), fill, size); }
+    uint8_t *data() const { return block.get(); }
     size_t size() const { return bytes; }
-    std::vector<uint8_t> snapshot() const { return std::vector<uint8_t>(block.get(), block.get() + bytes); }
-    bool equals(const std::vector<uint8_t> &s) const { return s == snapshot(); }
+    std::vector<uint8_t> snapshot() const { return {data(), data() + bytes}; }
     size_t bytes;
     std::unique_ptr<uint8_t[]> block;
 };
@@ -66,11 +60,8 @@ inline void put_sample(uint8_t *buf, uint32_t format, size_t i, double v) {
 
 inline effect_config_t stereo_config(uint32_t rate, uint32_t format, bool accumulate) {
     effect_config_t c{};
-    for (buffer_config_t *b : {&c.inputCfg, &c.outputCfg}) {
-        b->samplingRate = rate;
-        b->channels = AUDIO_CHANNEL_OUT_STEREO;
-        b->format = static_cast<uint8_t>(format);
-    }
+    for (buffer_config_t *b : {&c.inputCfg, &c.outputCfg})
+        b->samplingRate = rate, b->channels = AUDIO_CHANNEL_OUT_STEREO, b->format = static_cast<uint8_t>(format);
     c.inputCfg.accessMode = EFFECT_BUFFER_ACCESS_READ;
     c.outputCfg.accessMode = accumulate ? EFFECT_BUFFER_ACCESS_ACCUMULATE : EFFECT_BUFFER_ACCESS_WRITE;
     return c;
@@ -85,11 +76,10 @@ inline int32_t send(effect_handle_t h, uint32_t code, uint32_t size = 0, const v
 }
 
 inline int32_t set_param(effect_handle_t h, uint32_t id, const void *value, uint32_t vsize) {
-    std::vector<uint8_t> v(16 + vsize);
-    const uint32_t header[4] = {0, 4, vsize, id};
-    std::memcpy(v.data(), header, 16);
-    std::memcpy(v.data() + 16, value, vsize);
-    return send(h, EFFECT_CMD_SET_PARAM, static_cast<uint32_t>(v.size()), v.data());
+    std::vector<uint32_t> v{0, 4, vsize, id};
+    v.resize(4 + (vsize + 3) / 4);
+    std::memcpy(v.data() + 4, value, vsize);
+    return send(h, EFFECT_CMD_SET_PARAM, 16 + vsize, v.data());
 }
 
 // Blocks a client would send. 0: flat lc; 1: a steep curve at the +7 dB limit with surround;
@@ -147,9 +137,13 @@ inline long bad_output(uint32_t format, bool accumulate, const uint8_t *before, 
     return -1;
 }
 
-// The harnesses' libFuzzer start-up: log lines formatted but dropped.
-#define SORN_FUZZ_INITIALIZE \
-    extern "C" int LLVMFuzzerInitialize(int *, char ***) { return sorn_fuzz::quiet_logs(), 0; }
+// The harnesses' libFuzzer start-up: log lines are formatted by liblog (so a bad format
+// argument still shows) but dropped.
+#define SORN_FUZZ_INITIALIZE                                                                    \
+    extern "C" int LLVMFuzzerInitialize(int *, char ***) {                                      \
+        __android_log_set_logger([](const struct __android_logger_data *, const char *) {});   \
+        return __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE), 0;                      \
+    }
 
 }  // namespace sorn_fuzz
 

@@ -30,10 +30,8 @@ struct Instance {
     uint32_t format = AUDIO_FORMAT_PCM_32_BIT;
 };
 
-struct Budget {
-    size_t frames = 1 << 16;  // frames processed per input, all calls together
-    int designs = 4;          // parameter loads and reconfigurations per input
-};
+// Per input: frames processed by all calls together, parameter loads and reconfigurations.
+struct Budget { size_t frames = 1 << 16; int designs = 4; };
 
 template <typename T, size_t N>
 T pick(FuzzedDataProvider &fdp, const std::array<T, N> &choices) {
@@ -138,10 +136,9 @@ std::vector<uint8_t> command_payload(FuzzedDataProvider &fdp, uint32_t code, boo
 
 uint32_t command_code(FuzzedDataProvider &fdp) {
     const int k = fdp.ConsumeIntegralInRange(0, 15);
-    if (k < 10) {
+    if (k < 10)
         return pick(fdp, U8{EFFECT_CMD_SET_CONFIG, EFFECT_CMD_ENABLE, EFFECT_CMD_DISABLE, EFFECT_CMD_SET_PARAM,
                             EFFECT_CMD_GET_PARAM, EFFECT_CMD_SET_DEVICE, EFFECT_CMD_SET_AUDIO_MODE, EFFECT_CMD_SET_PARAM});
-    }
     return k < 14 ? fdp.ConsumeIntegralInRange<uint32_t>(0, 21) : fdp.ConsumeIntegral<uint32_t>();
 }
 
@@ -156,16 +153,13 @@ void do_command(FuzzedDataProvider &fdp, Instance &in, Budget &budget) {
     const int size_kind = fdp.ConsumeIntegralInRange(0, 9);
     if (size_kind == 0) cmd_size = fdp.ConsumeIntegralInRange<size_t>(0, payload.size());
     if (size_kind == 1) cmd_size = payload.size() + fdp.ConsumeIntegralInRange<size_t>(1, 64);
-    ExactBuffer cmd(cmd_size);
-    std::memset(cmd.data(), 0, cmd_size);
+    ExactBuffer cmd(cmd_size, 0);
     if (!payload.empty()) std::memcpy(cmd.data(), payload.data(), std::min(cmd_size, payload.size()));
     const bool null_cmd = fdp.ConsumeIntegralInRange(0, 15) == 0;
     const uint32_t capacity = fdp.ConsumeIntegralInRange(0, 3) != 0 ? pick(fdp, U8{4, 4, 1040, 20, 0, 8, 19, 16})
                                                                     : fdp.ConsumeIntegralInRange<uint32_t>(0, 2048);
-    const bool null_reply = fdp.ConsumeIntegralInRange(0, 11) == 0;
-    const bool null_size = fdp.ConsumeIntegralInRange(0, 11) == 0;
+    const bool null_reply = fdp.ConsumeIntegralInRange(0, 11) == 0, null_size = fdp.ConsumeIntegralInRange(0, 11) == 0;
     ExactBuffer reply(capacity);
-    std::memset(reply.data(), 0xA5, capacity);
     const auto reply_before = reply.snapshot();
     uint32_t reply_size = capacity;
 
@@ -174,7 +168,7 @@ void do_command(FuzzedDataProvider &fdp, Instance &in, Budget &budget) {
     FUZZ_CHECK(r == 0 || r == -22 || r == -38, "command %u returned %d", code, r);
     FUZZ_CHECK(reply_size <= capacity, "reply size grew from %u to %u", capacity, reply_size);
     if (r != 0) {
-        FUZZ_CHECK(reply.equals(reply_before) && reply_size == capacity, "refused command %u changed its reply", code);
+        FUZZ_CHECK(reply.snapshot() == reply_before && reply_size == capacity, "refused command %u changed its reply", code);
         return;
     }
     if (null_reply || null_size || capacity < 4) return;
@@ -239,17 +233,17 @@ void do_process(FuzzedDataProvider &fdp, Instance &in, Budget &budget) {
     ExactBuffer &target = in_place ? in_buf : out_buf;
     const auto in_before = in_buf.snapshot(), out_before = target.snapshot();
 
-    const bool null_in = fdp.ConsumeIntegralInRange(0, 31) == 0;
-    const bool null_out = fdp.ConsumeIntegralInRange(0, 31) == 0;
-    const bool null_self = fdp.ConsumeIntegralInRange(0, 31) == 0;
+    // Declarators initialize in order, so the three are read from the input one after the other.
+    const bool null_in = fdp.ConsumeIntegralInRange(0, 31) == 0, null_out = fdp.ConsumeIntegralInRange(0, 31) == 0,
+               null_self = fdp.ConsumeIntegralInRange(0, 31) == 0;
     audio_buffer_t ib{frames, {null_in ? nullptr : in_buf.data()}}, ob{out_frames, {null_out ? nullptr : target.data()}};
     const int32_t r = (*in.h)->process(null_self ? nullptr : in.h, &ib, &ob);
 
     const bool valid = !null_in && !null_out && !null_self && frames != 0 && frames == out_frames;
     FUZZ_CHECK(r == 0 || r == -61 || r == -22, "process returned %d", r);
-    if (!in_place) FUZZ_CHECK(in_buf.equals(in_before), "process wrote into its input");
+    if (!in_place) FUZZ_CHECK(in_buf.snapshot() == in_before, "process wrote into its input");
     if (!valid || !in.configured) {
-        FUZZ_CHECK(r == -22 && target.equals(out_before), "a call that must be refused returned %d or changed the output", r);
+        FUZZ_CHECK(r == -22 && target.snapshot() == out_before, "a call that must be refused returned %d or changed the output", r);
         return;
     }
     FUZZ_CHECK(r == (in.state == 2 ? 0 : -61), "process returned %d in state %d", r, in.state);

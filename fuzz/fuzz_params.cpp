@@ -88,9 +88,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     FUZZ_CHECK(handle != nullptr, "wrapper not made");
     const bool usable = static_cast<sorn_hp_wrapper_t *>(handle)->state == 1;
     for (int b = 0; b < blocks; ++b) {
-        ExactBuffer block(sizeof(sorn_hp_params_t));
+        ExactBuffer block(sizeof(sorn_hp_params_t), 0);
         const size_t take = std::min(size, block.size());
-        std::memset(block.data(), 0, block.size());
         if (take > 0) std::memcpy(block.data(), data, take);
         data += take, size -= take;
         sorn_hp_params_t p;

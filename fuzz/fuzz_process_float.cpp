@@ -34,10 +34,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
                "stream set-up refused");
     size_t total = 0;
     for (int call = 0; call < kMaxCalls && fdp.remaining_bytes() > 0 && total < kMaxFrames; ++call) {
-        if (toggle && call == kMaxCalls / 2) {
+        if (toggle && call == kMaxCalls / 2)
             FUZZ_CHECK(sorn_fuzz::send(h, EFFECT_CMD_DISABLE) == 0 && sorn_fuzz::send(h, EFFECT_CMD_ENABLE) == 0,
                        "disable or enable refused");
-        }
         const size_t frames = fdp.ConsumeIntegralInRange(0, 3) == 0
                                   ? fdp.ConsumeIntegralInRange<size_t>(1, 2048)
                                   : std::array<size_t, 8>{240, 480, 192, 960, 1, 1024, 441, 256}
@@ -58,7 +57,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         audio_buffer_t ib{frames, {in.data()}}, ob{frames, {target.data()}};
         const int32_t r = (*h)->process(h, &ib, &ob);
         FUZZ_CHECK(r == 0, "process returned %d", r);
-        if (!in_place) FUZZ_CHECK(in.equals(in_before), "process wrote into its input");
+        if (!in_place) FUZZ_CHECK(in.snapshot() == in_before, "process wrote into its input");
         const long bad = sorn_fuzz::bad_output(AUDIO_FORMAT_PCM_FLOAT, accumulate, nullptr, target.data(), frames * 2);
         FUZZ_CHECK(bad < 0, "float output sample %ld not finite or beyond [-1, 1]", bad);
     }

@@ -16,22 +16,18 @@ extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv);
 int main(int argc, char **argv) {
     namespace fs = std::filesystem;
     LLVMFuzzerInitialize(&argc, &argv);
-    int inputs = 0;
+    std::vector<fs::path> files;
     for (int i = 1; i < argc; ++i) {
-        std::vector<fs::path> files{argv[i]};
-        if (fs::is_directory(files[0])) {
-            files.assign(fs::directory_iterator(argv[i]), fs::directory_iterator());
-            std::erase_if(files, [](const fs::path &p) { return !fs::is_regular_file(p); });
-            std::sort(files.begin(), files.end());
-        }
-        for (const auto &f : files) {
-            std::ifstream file(f, std::ios::binary);
-            if (!file) return std::fprintf(stderr, "cannot read %s\n", f.c_str()), 2;
-            const std::vector<uint8_t> input((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-            LLVMFuzzerTestOneInput(input.data(), input.size());
-            ++inputs;
-        }
+        const size_t first = files.size();
+        if (!fs::is_directory(argv[i])) files.emplace_back(argv[i]);
+        else for (const auto &e : fs::directory_iterator(argv[i])) if (e.is_regular_file()) files.push_back(e.path());
+        std::sort(files.begin() + first, files.end());
     }
-    std::printf("%d inputs replayed\n", inputs);
-    return 0;
+    for (const auto &f : files) {
+        std::ifstream file(f, std::ios::binary);
+        if (!file) return std::fprintf(stderr, "cannot read %s\n", f.c_str()), 2;
+        const std::vector<uint8_t> input((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+        LLVMFuzzerTestOneInput(input.data(), input.size());
+    }
+    std::printf("%zu inputs replayed\n", files.size());
 }

@@ -15,6 +15,7 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <fstream>
 #include <random>
 
 #include "fuzz/fuzz_common.h"
@@ -25,8 +26,8 @@ namespace {
 using namespace sorn_fuzz;
 constexpr uint32_t kRate = 48000;
 std::atomic<long> g_log_lines{0}, g_mute_trips{0};
-long g_failures = 0, g_callbacks = 0, g_events = 0, g_queries = 0;
-long g_active_queries = 0;  // status answers showing the chain heard and no silence gate
+// g_active_queries: status answers showing the chain heard and no silence gate.
+long g_failures = 0, g_callbacks = 0, g_events = 0, g_queries = 0, g_active_queries = 0;
 long long g_steady_allocs = 0;
 
 void fail(const char *what, long detail) {
@@ -40,10 +41,7 @@ Heap heap_now() {
     malloc_trim(0);
     const struct mallinfo2 mi = mallinfo2();
     long pages = 0, resident = -1;
-    if (FILE *f = std::fopen("/proc/self/statm", "r")) {
-        if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = -1;
-        std::fclose(f);
-    }
+    if (!(std::ifstream("/proc/self/statm") >> pages >> resident)) resident = -1;
     return {sorn_test::AllocCounter::live(), mi.uordblks + mi.hblkhd, resident * (sysconf(_SC_PAGESIZE) / 1024)};
 }
 

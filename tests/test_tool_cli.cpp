@@ -1,14 +1,6 @@
 // End-to-end: the sorn-hp executable as a user runs it.
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-
-#include <cmath>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <random>
-
 #include "tests/test_effect_harness.h"
+#include "tests/tool_test_support.h"
 #include "tools/audio_file.h"
 #include "tools/builtin_tuning.h"
 #include "tools/tuning.h"
@@ -18,66 +10,12 @@ namespace {
 namespace fs = std::filesystem;
 using namespace sorn_tool;
 using sorn_test::has;
-
-struct Result {
-    int code = -1;
-    std::string out, err;
-};
-
-std::string slurp(const fs::path &p) {
-    std::ifstream in(p, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
+using sorn_test::slurp;
+using Result = sorn_test::ToolResult;
 
 void spit(const fs::path &p, const std::string &text) { std::ofstream(p, std::ios::binary) << text; }
 
-
-class ToolCli : public ::testing::Test {
-protected:
-    fs::path dir;
-
-    void SetUp() override {
-        char tmpl[] = "/tmp/sorn-hp-test-XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(tmpl));
-        dir = tmpl;
-    }
-    void TearDown() override { fs::remove_all(dir); }
-    fs::path at(const std::string &name) const { return dir / name; }
-
-    // Runs the tool in `dir`; `env` holds NAME=value settings for this run only.
-    Result tool(const std::vector<std::string> &args, const std::string &env = "") {
-        std::string cmd = "cd '" + dir.string() + "' && env " + env;
-#ifdef SORN_HP_TOOL_EMULATOR
-        cmd += " '" SORN_HP_TOOL_EMULATOR "'";  // cross builds run the tool under qemu-user
-#endif
-        cmd += " '" SORN_HP_TOOL "'";
-        for (const std::string &a : args) cmd += " '" + a + "'";
-        const int status = std::system((cmd + " >.stdout 2>.stderr").c_str());
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, slurp(at(".stdout")), slurp(at(".stderr"))};
-    }
-
-    // Tones, noise and a pause, different on each channel.
-    void write_signal(const std::string &name, int rate, int channels, double seconds) {
-        AudioBuffer b;
-        audio_allocate(b, rate, channels, static_cast<int64_t>(seconds * rate), SampleFormat::f32);
-        std::mt19937 rng(3);
-        std::normal_distribution<float> noise(0.0f, 0.05f);
-        for (int64_t k = 0; k < b.frames; ++k) {
-            const double t = double(k) / rate;
-            const float pause = (t > 0.5 && t < 0.6) ? 0.0f : 1.0f;
-            for (int c = 0; c < channels; ++c)
-                b.f32[k * channels + c] = pause * (0.3f * float(std::sin(2 * M_PI * (c ? 330.0 : 110.0) * t)) + noise(rng));
-        }
-        std::string error;
-        ASSERT_TRUE(audio_write(at(name), b, error)) << error;
-    }
-    AudioBuffer read(const std::string &name, SampleFormat format) {
-        AudioBuffer b;
-        std::string error;
-        EXPECT_TRUE(audio_read(at(name), format, b, error)) << error;
-        return b;
-    }
-};
+using ToolCli = sorn_test::ToolDir;
 
 TEST_F(ToolCli, HelpForEverySubcommandShowsAnExample) {
     for (const std::string sub : {"run", "demo", "design", "params", "import", "import-graphiceq", "info"}) {
@@ -95,15 +33,14 @@ TEST_F(ToolCli, DemoRunsThroughTheLibraryAndRefusesToOverwriteWithoutYes) {
         EXPECT_TRUE(fs::exists(at("out/demo") / f)) << f;
     EXPECT_TRUE(fs::exists(at("out/demo/response.png")) || fs::exists(at("out/demo/response.gp")));
     EXPECT_TRUE(has(r.out, "latency      719 frames") && has(r.out, "largest deviation")) << r.out;
-    const AudioBuffer program = read("out/demo/program.wav", SampleFormat::f32);
-    const AudioBuffer processed = read("out/demo/processed.wav", SampleFormat::f32);
-    EXPECT_EQ(program.frames, processed.frames);
-    EXPECT_EQ(2, processed.channels);
-    EXPECT_NE(program.f32, processed.f32);
+    AudioBuffer program, processed;
+    std::string error;
+    ASSERT_TRUE(audio_read(at("out/demo/program.wav"), SampleFormat::f32, program, error) &&
+                audio_read(at("out/demo/processed.wav"), SampleFormat::f32, processed, error)) << error;
+    EXPECT_TRUE(program.frames == processed.frames && processed.channels == 2 && program.f32 != processed.f32);
 
     Result again = tool({"demo", "out/demo"});
-    EXPECT_EQ(1, again.code);
-    EXPECT_TRUE(has(again.err, "exists; add -y to overwrite it")) << again.err;
+    EXPECT_TRUE(again.code == 1 && has(again.err, "exists; add -y to overwrite it")) << again.err;
 }
 
 // The published corrections fitted through the library's design: each within 0.5 dB RMS of its
@@ -157,19 +94,13 @@ TEST_F(ToolCli, ImportFitsThePublishedCorrectionsAndDesignShowsTheTarget) {
 TEST_F(ToolCli, ErrorsAndWarningsGiveTheirMessagesAndExitCodes) {
     write_signal("in.wav", 48000, 2, 0.2);
     write_signal("slow.wav", 32000, 2, 0.1);
+    write_signal("three.wav", 48000, 3, 0.03);
     spit(at("bad.json"), "{\"hp\": {\"enabled\": true, \"points\": [[50, 0], [200, 0], [25000, 1]]}}");
     spit(at("odd.bin"), std::string(100, '\0'));
-    AudioBuffer three;
-    audio_allocate(three, 48000, 3, 480, SampleFormat::f32);
-    std::string error;
-    ASSERT_TRUE(audio_write(at("three.wav"), three, error));
     const std::string bad_freq = "bad.json: hp.points: point 3 [25000, 1]: frequency 25000 Hz is above 22000 Hz";
-    const struct {
-        std::vector<std::string> args;
-        int code;
-        std::string message;
-        const char *must_not_exist;
-    } cases[] = {
+    spit(at("old.wav"), "old");
+    const char *env_lib = "SORN_HP_LIB=/nonexistent/env.so";
+    const struct { std::vector<std::string> args; int code; std::string message; const char *must_not_exist, *env = nullptr; } cases[] = {
         {{"run", "in.wav", "out.wav", "--tuning", "bad.json"}, 2, bad_freq, "out.wav"},
         {{"params", "bad.json", "-o", "bad.bin"}, 2, bad_freq, "bad.bin"},
         {{"design", "bad.json", "--plot", "bad.png"}, 2, bad_freq, "bad.png"},
@@ -191,32 +122,22 @@ TEST_F(ToolCli, ErrorsAndWarningsGiveTheirMessagesAndExitCodes) {
         {{"import", "bad.json", "-o", "x.json", "--rate", "8000"}, 1, "--rate 8000", "x.json"},
         // Not an error, but said loudly: the output is the input unchanged.
         {{"run", "slow.wav", "slow-out.wav"}, 0, "THE EFFECT DOES NOT PROCESS THIS RATE", nullptr},
+        // An existing output needs -y; the environment names the library; --lib overrides it.
+        {{"run", "in.wav", "old.wav"}, 1, "old.wav exists; add -y to overwrite it", nullptr},
+        {{"info"}, 2, "/nonexistent/env.so", nullptr, env_lib},
+        {{"info", "--lib", SORN_LIBRARY_PATH}, 0, "", nullptr, env_lib},
     };
     for (const auto &c : cases) {
-        SCOPED_TRACE(c.args[0] + " " + c.args[1] + " " + c.message);
-        Result r = tool(c.args);
+        SCOPED_TRACE(c.args[0] + " " + c.args.back() + " " + c.message);
+        Result r = tool(c.args, c.env ? c.env : "");
         EXPECT_EQ(c.code, r.code) << r.err;
         EXPECT_TRUE(has(r.err, c.message)) << r.err;
-        if (c.must_not_exist) {
-            EXPECT_FALSE(fs::exists(at(c.must_not_exist)));
-        }
+        EXPECT_TRUE(!c.must_not_exist || !fs::exists(at(c.must_not_exist)));
     }
-
-    // The environment names the library; --lib overrides the environment.
-    Result env = tool({"info"}, "SORN_HP_LIB=/nonexistent/env.so");
-    EXPECT_EQ(2, env.code);
-    EXPECT_TRUE(has(env.err, "/nonexistent/env.so"));
-    EXPECT_EQ(0, tool({"info", "--lib", SORN_LIBRARY_PATH}, "SORN_HP_LIB=/nonexistent/env.so").code);
-
-    // An existing output needs -y; -q leaves nothing on either stream.
-    spit(at("out.wav"), "old");
-    Result exists = tool({"run", "in.wav", "out.wav"});
-    EXPECT_EQ(1, exists.code);
-    EXPECT_TRUE(has(exists.err, "out.wav exists; add -y to overwrite it"));
-    EXPECT_EQ("old", slurp(at("out.wav")));
-    Result quiet = tool({"run", "in.wav", "out.wav", "-y", "-q"});
-    EXPECT_EQ(0, quiet.code);
-    EXPECT_EQ("", quiet.out + quiet.err);
+    EXPECT_EQ("old", slurp(at("old.wav")));
+    // -q leaves nothing on either stream.
+    const Result quiet = tool({"run", "in.wav", "out.wav", "-y", "-q"});
+    EXPECT_TRUE(quiet.code == 0 && quiet.out + quiet.err == "") << quiet.err;
 }
 
 }  // namespace

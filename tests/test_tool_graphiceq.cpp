@@ -63,7 +63,6 @@ TEST(ToolImport, MistakesNameTheFileTheLineAndTheProblem) {
         {"20,1\n10,2", "line 2: frequency is not above the previous row's"},
         {"20,1,3\n30,1,2", "line 2: expected two numbers, frequency in Hz and gain in dB (this row has 3 columns)"},
         {"20 1", "at least two rows"},
-        {"{\"hp\": 1}", "eq.txt: not a correction"},
     };
     for (const auto &[text, expect] : cases) {
         ImportedCurve r = eq_import_parse(text, "eq.txt");
@@ -86,8 +85,7 @@ TEST(ToolGraphicEq, OneGroupFitFollowsTheEffectsInterpolantAndLimits) {
     }
     GroupFit fit = graphiceq_fit(in, 12, kLibrary);
     ASSERT_EQ(12u, fit.freq.size());
-    EXPECT_EQ(0, fit.limited_points);
-    EXPECT_LT(fit.rms_departure_db, 0.5);
+    EXPECT_TRUE(fit.limited_points == 0 && fit.rms_departure_db < 0.5) << fit.rms_departure_db;
     const auto drawn = effect_group_curve(fit.freq.data(), fit.gain.data(), 12, query, kLibrary);
     double worst = 0.0;
     for (size_t i = 0; i < in.size(); ++i) worst = std::max(worst, std::fabs(drawn[i] - in[i].gain_db));

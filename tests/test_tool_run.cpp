@@ -1,12 +1,9 @@
 // The sorn-hp tool's effect host and run loop against the real library: a file run streams in
 // chunks, resamples through libsoxr when asked, and gives the library's own output bit for bit.
-#include <gtest/gtest.h>
 #include <soxr.h>
 
-#include <filesystem>
-#include <fstream>
-
 #include "tests/test_effect_harness.h"
+#include "tests/tool_test_support.h"
 #include "tools/builtin_tuning.h"
 #include "tools/file_run.h"
 #include "tools/tuning.h"
@@ -32,33 +29,13 @@ TEST(ToolRun, LoadsTheLibraryAndChecksItLikeTheFactory) {
               describe_effect_flags(library().descriptor.flags));
     EffectLibrary none;
     std::string error;
-    EXPECT_FALSE(effect_library_open("libm.so.6", none, error));  // loads, but has no AELI
-    EXPECT_TRUE(has(error, "no \"AELI\" symbol"));
-    EXPECT_EQ(nullptr, none.dl);
+    // libm loads, but has no AELI.
+    EXPECT_TRUE(!effect_library_open("libm.so.6", none, error) && has(error, "no \"AELI\" symbol") && !none.dl) << error;
     const Levels lv = measure_levels(AudioBuffer{48000, 1, 2, SampleFormat::f32, {0.5f, -0.25f}, {}, {}});
     EXPECT_TRUE(std::fabs(lv.peak_dbfs + 6.02) < 0.01 && std::fabs(lv.rms_dbfs + 8.06) < 0.01);
 }
 
-class ToolFileRun : public ::testing::Test {
-protected:
-    fs::path dir = fs::temp_directory_path() / ("sorn-hp-run-" + std::to_string(getpid()));
-    void SetUp() override { fs::create_directories(dir); }
-    void TearDown() override { fs::remove_all(dir); }
-    std::string at(const std::string &name) const { return (dir / name).string(); }
-
-    // Tones and a rough noise for 1.2345 s, which no chunk or call size divides; two samples at
-    // full scale.
-    void write_signal(const std::string &name, int rate, int channels) {
-        AudioBuffer b;
-        audio_allocate(b, rate, channels, static_cast<int64_t>(1.2345 * rate), SampleFormat::f32);
-        for (size_t i = 0; i < b.f32.size(); ++i)
-            b.f32[i] = float(0.3 * std::sin(2 * M_PI * (i % 2 ? 330 : 110) * double(i / channels) / rate) +
-                             0.001 * double(i * 7919 % 101));
-        b.f32[3000] = -1.0f, b.f32[3001] = 1.0f;
-        std::string error;
-        ASSERT_TRUE(audio_write(at(name), b, error)) << error;
-    }
-};
+using ToolFileRun = sorn_test::ToolDir;
 
 // Whatever the chunk and call sizes, a file run gives what the library gives when driven
 // directly with the whole recording (resampled first by libsoxr at high quality, float out
@@ -127,25 +104,20 @@ TEST_F(ToolFileRun, StreamedRunMatchesTheLibraryDrivenDirectly) {
 // (its header promises more than it holds; its decoder finds it cut part way) is an error, and
 // neither the output nor a temporary file is left.
 TEST_F(ToolFileRun, RateOptionAndFilesCutShort) {
-    const struct { const char *name, *args; int code; const char *message; } cases[] = {
-        {"in.wav", "--rate 48000 --frames 100 --device usb-headset", 0,
+    const struct { const char *name; std::vector<std::string> args; int code; const char *message; } cases[] = {
+        {"in.wav", {"run", "in.wav", "out.wav", "--rate", "48000", "--frames", "100", "--device", "usb-headset"}, 0,
          "in.wav is at 96000 Hz: resampled to 48000 Hz before the effect"},
-        {"in.wav", "--rate 96000", 1, "--rate 96000: give a rate the effect processes (44050 to 48050 Hz)"},
-        {"cut.wav", "--rate 48000", 2, "cut.wav: cannot read to its end: its header declares"},
-        {"cut.flac", "--rate 48000", 2, "cut.flac: cannot read to its end"},
-        {"cut.flac", "", 2, "cut.flac: cannot read to its end"}};
+        {"in.wav", {"run", "in.wav", "out.wav", "--rate", "96000"}, 1,
+         "--rate 96000: give a rate the effect processes (44050 to 48050 Hz)"},
+        {"cut.wav", {"run", "cut.wav", "out.wav", "--rate", "48000"}, 2, "cut.wav: cannot read to its end: its header declares"},
+        {"cut.flac", {"run", "cut.flac", "out.wav", "--rate", "48000"}, 2, "cut.flac: cannot read to its end"},
+        {"cut.flac", {"run", "cut.flac", "out.wav"}, 2, "cut.flac: cannot read to its end"}};
     for (const auto &c : cases) {
+        SCOPED_TRACE(c.name + std::string(" ") + c.message);
         write_signal(c.name, 96000, 2);
         if (c.code == 2) fs::resize_file(at(c.name), fs::file_size(at(c.name)) * 6 / 10);
-        std::string cmd = "cd '" + dir.string() + "' && ";
-#ifdef SORN_HP_TOOL_EMULATOR
-        cmd += "'" SORN_HP_TOOL_EMULATOR "' ";  // cross builds run the tool under qemu-user
-#endif
-        cmd += "'" SORN_HP_TOOL "' run " + std::string(c.name) + " out.wav " + c.args + " >/dev/null 2>err.txt";
-        EXPECT_EQ(c.code, WEXITSTATUS(std::system(cmd.c_str()))) << c.name << " " << c.args;
-        std::ifstream e(at("err.txt"));
-        const std::string err{std::istreambuf_iterator<char>(e), std::istreambuf_iterator<char>()};
-        EXPECT_TRUE(has(err, c.message)) << err;
+        const sorn_test::ToolResult r = tool(c.args);
+        EXPECT_TRUE(r.code == c.code && has(r.err, c.message)) << r.code << " " << r.err;
         if (c.code == 0) {
             AudioReader reader;
             RunReport report;
@@ -160,8 +132,8 @@ TEST_F(ToolFileRun, RateOptionAndFilesCutShort) {
             EXPECT_TRUE(tool_out.f32 == want.f32 && tool_out.rate == 48000);
             fs::remove(at("want.wav"));
         }
-        // The input, the messages and, only on success, the output: no temporary file.
-        EXPECT_EQ(c.code == 0 ? 3 : 2, std::distance(fs::directory_iterator(dir), fs::directory_iterator()));
+        // The input, the two streams and, only on success, the output: no temporary file.
+        EXPECT_EQ(c.code == 0 ? 4 : 3, std::distance(fs::directory_iterator(dir), fs::directory_iterator()));
         fs::remove(at(c.name)), fs::remove(at("out.wav"));
     }
 }
