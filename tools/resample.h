@@ -5,7 +5,7 @@
  * dither (a mixer does not dither either), so the same input always gives the same samples.
  *
  * Takes its input from another source a piece at a time and gives the same samples as
- * soxr_oneshot with the same specs on the whole signal; the output lasts as long as the input.
+ * soxr_oneshot with the same settings on the whole signal; the output lasts as long as the input.
  */
 #ifndef SORN_TOOLS_RESAMPLE_H
 #define SORN_TOOLS_RESAMPLE_H
@@ -19,7 +19,7 @@
 
 namespace sorn_tool {
 
-/* The specs the conversion uses, for anyone who wants the same one. */
+/* The io and quality settings the conversion uses, for anyone who wants the same one. */
 soxr_io_spec_t resample_io_spec(SampleFormat out);
 soxr_quality_spec_t resample_quality_spec();
 
