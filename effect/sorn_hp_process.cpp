@@ -75,7 +75,7 @@ void convert_input(sorn_hp_context_t *ctx, const void *raw, size_t samples) {
         for (size_t i = 0; i < samples; ++i) {
             int32_t v;
             std::memcpy(&v, in + 4 * i, sizeof v);
-            ctx->work_buffer[i] = sorn::sat_i32(int64_t{v} * 256);
+            ctx->work_buffer[i] = sorn::sat_shl8(v);
         }
         return;
     }

@@ -41,6 +41,15 @@ constexpr int32_t sat_f2i32(F x) {
     return static_cast<int32_t>(x);                           // in range: truncates
 }
 
+/* v * 256 saturated to the int32 range: a sample on the 24-bit scale (or 8.24) to full scale
+   2^31. Equal to sat_i32(int64_t{v} * 256), written as selects on 32-bit values so that loops
+   over it vectorize. */
+constexpr int32_t sat_shl8(int32_t v) {
+    const int32_t up = static_cast<int32_t>(static_cast<uint32_t>(v) << 8);
+    return v > 0x7fffff ? std::numeric_limits<int32_t>::max()
+                        : v < -0x800000 ? std::numeric_limits<int32_t>::min() : up;
+}
+
 /* (a * b) >> shift with a 64-bit product, arithmetic shift, saturated to int32. */
 constexpr int32_t mul_shift_sat(int64_t a, int64_t b, int shift) {
     return sat_i32((a * b) >> shift);

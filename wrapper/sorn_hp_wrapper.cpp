@@ -157,15 +157,9 @@ void scale_down_31_to_23(int32_t* s, std::size_t n) {
     for (std::size_t i = 0; i < n; ++i) s[i] = down_31_to_23(s[i]);
 }
 
-// 24-bit scale back to full scale 2^31; anything beyond the 24-bit range saturates (the same
-// as sat_i32 of the 64-bit product, written as selects on 32-bit lanes).
-int32_t up_23_to_31(int32_t v) {
-    const int32_t up = static_cast<int32_t>(static_cast<uint32_t>(v) << 8);
-    return v > 0x7fffff ? INT32_MAX : v < -0x800000 ? INT32_MIN : up;
-}
-
+// 24-bit scale back to full scale 2^31; anything beyond the 24-bit range saturates.
 void scale_up_23_to_31(int32_t* s, std::size_t n) {
-    for (std::size_t i = 0; i < n; ++i) s[i] = up_23_to_31(s[i]);
+    for (std::size_t i = 0; i < n; ++i) s[i] = sorn::sat_shl8(s[i]);
 }
 
 // The two scale conversions on ring storage elements (int32 samples held as uint32_t), for
@@ -177,7 +171,7 @@ struct Down31To23 {
 };
 struct Up23To31 {
     uint32_t operator()(uint32_t u) const {
-        return static_cast<uint32_t>(up_23_to_31(static_cast<int32_t>(u)));
+        return static_cast<uint32_t>(sorn::sat_shl8(static_cast<int32_t>(u)));
     }
 };
 
