@@ -181,8 +181,10 @@ std::string uuid_to_string(const effect_uuid_t &u) {
     return buf;
 }
 
+// The minor part is taken here: the platform header's EFFECT_API_VERSION_MINOR uses a name
+// that is not its parameter and does not compile.
 std::string describe_api_version(uint32_t v) {
-    return std::to_string(EFFECT_API_VERSION_MAJOR(v)) + "." + std::to_string(EFFECT_API_VERSION_MINOR(v));
+    return std::to_string(EFFECT_API_VERSION_MAJOR(v)) + "." + std::to_string(v & 0xFFFFu);
 }
 
 std::string describe_effect_flags(uint32_t flags) {
