@@ -1,6 +1,8 @@
 #include "effect/sorn_hp_context.h"
 
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <type_traits>
 
 #include <cutils/properties.h>
@@ -28,6 +30,9 @@ static_assert(!std::is_convertible_v<uint32_t, audio_format_t> &&
 namespace {
 
 constexpr const char *kTag = SORN_LOG_TAG_EFFECT;
+constexpr size_t kMaxFrames = size_t{1} << 24;    // far beyond any framework buffer
+constexpr size_t kDefaultFrames = 1200;           // buffers for a configuration without a size
+constexpr size_t kMaxConfiguredFrames = 48000;    // what a configuration alone may reserve
 
 // Output devices that count as headphones, compared as whole values.
 constexpr audio_devices_t kSupportedDevices[] = {
@@ -72,12 +77,22 @@ int32_t configure(sorn_hp_context_t *ctx, effect_config_t *config) {
         return -22;
     }
 
+    // Sized here, on the command path, so that process need not allocate for the calls the
+    // framework announced.
+    const size_t announced = std::max(in.buffer.frameCount, out.buffer.frameCount);
+    const size_t frames = announced == 0 ? kDefaultFrames : std::min(announced, kMaxConfiguredFrames);
+    if (reserve_buffers(ctx, frames) != 0) {
+        SORN_LOGW(kTag, "%s: no memory for %u frames", "configure", static_cast<unsigned>(frames));
+        ctx->configured = 0;
+        return -22;
+    }
+
     if (in.samplingRate != out.samplingRate || in.samplingRate != ctx->sample_rate) {
         SORN_LOGI(kTag, "%s: samplingRate configure %d", "configure",
                   static_cast<int>(in.samplingRate));
     }
     ctx->format = format;
-    ctx->config = *config;
+    std::memcpy(&ctx->config, config, sizeof ctx->config);  // whole, as GET_CONFIG returns it
     ctx->configured = 1;
     return init(ctx, in.samplingRate);
 }
@@ -111,6 +126,42 @@ int32_t init(sorn_hp_context_t *ctx, uint32_t sampleRate) {
     ctx->stat_max_us = 0;
     ctx->stat_interval = sorn::sat_i32(5 * static_cast<int64_t>(ctx->sample_rate));
     return 0;
+}
+
+int32_t reserve_buffers(sorn_hp_context_t *ctx, size_t frames) {
+    if (ctx == nullptr || frames > kMaxFrames) return -22;
+    if (frames <= ctx->buffer_frames && ctx->work_buffer != nullptr && ctx->dry_buffer != nullptr) {
+        return 0;
+    }
+    // Both are rewritten before use, so nothing is carried over.
+    const size_t bytes = frames * 2 * sizeof(int32_t);
+    auto *work = static_cast<int32_t *>(std::malloc(bytes));
+    auto *dry = static_cast<int32_t *>(std::malloc(bytes));
+    if (work == nullptr || dry == nullptr) {
+        std::free(work);
+        std::free(dry);
+        return -22;
+    }
+    std::free(ctx->work_buffer);
+    std::free(ctx->dry_buffer);
+    ctx->work_buffer = work;
+    ctx->dry_buffer = dry;
+    ctx->buffer_frames = static_cast<uint32_t>(frames);
+    return 0;
+}
+
+void set_default_config(sorn_hp_context_t *ctx) {
+    if (ctx == nullptr) return;
+    // Built on zeros, padding included: GET_CONFIG hands these bytes out whole.
+    std::memset(&ctx->config, 0, sizeof ctx->config);
+    for (buffer_config_t *cfg : {&ctx->config.inputCfg, &ctx->config.outputCfg}) {
+        cfg->samplingRate = ctx->sample_rate;
+        cfg->channels = AUDIO_CHANNEL_OUT_STEREO;
+        cfg->format = static_cast<uint8_t>(ctx->format);
+        cfg->mask = EFFECT_CONFIG_ALL;
+    }
+    ctx->config.inputCfg.accessMode = EFFECT_BUFFER_ACCESS_READ;
+    ctx->config.outputCfg.accessMode = EFFECT_BUFFER_ACCESS_ACCUMULATE;
 }
 
 bool is_support_device(audio_devices_t device) {

@@ -12,9 +12,21 @@
  * changed (the old wrapper, format and config stay). 8-bit, packed 24-bit and unknown formats
  * are refused so that the framework falls back to float or 16-bit. A differing rate is only a
  * notice; the input rate is used.
+ * An accepted configuration also gives the working buffers room for the larger of the two
+ * buffer.frameCount values (1200 frames when both are 0, at most one second of audio, 48000
+ * frames; process grows them for a longer call), so that process allocates nothing for calls
+ * of the size the framework announced; the buffers never shrink. A configuration whose buffers
+ * cannot be allocated is refused like an invalid one ("configure: no memory for %u frames").
  * init(ctx, rate): keeps the wrapper for an unchanged rate, otherwise makes a new one and hands
  * it the stored parameter block; re-reads the dump property "audio.sorn.hp.dump" and restarts
  * the statistics period (5 x rate frames). -22 when the wrapper cannot be made.
+ * reserve_buffers(ctx, frames): gives both working buffers room for at least `frames` stereo
+ * frames, growing them only (up to 2^24 frames); -22 with the old buffers kept when that cannot
+ * be done. Allocates only when it grows them.
+ * set_default_config(ctx): stores the configuration a new instance reports before any
+ * SET_CONFIG: the context's rate and format (48 kHz, 32-bit at creation), stereo, input READ,
+ * output ACCUMULATE, every mask bit, no buffer. configure accepts it unchanged; storing it
+ * does not count as configured.
  * is_support_effect: the output is wanted only for one supported headphone-type device (exact
  * value, not a bit test), normal mode, parameters loaded, enabled, bypass off and configured.
  *
@@ -31,6 +43,7 @@
 #define SORN_EFFECT_SORN_HP_CONTEXT_H
 
 #include <stdbool.h>
+#include <stddef.h>
 #include <stdint.h>
 
 #include <hardware/audio_effect.h>
@@ -56,7 +69,7 @@ typedef struct sorn_hp_context_s {
     audio_devices_t device;                     /* last SET_DEVICE value, as sent */
     audio_mode_t mode;                          /* last SET_AUDIO_MODE value */
     uint32_t sample_rate;                       /* rate the wrapper was made for */
-    uint32_t frame_count;                       /* frames the two buffers hold */
+    uint32_t frame_count;                       /* frames of the current process call */
     audio_format_t format;                      /* format of the framework's buffers */
     int32_t mute;                               /* 0 sound, 1 fading out, 2 muted */
     int32_t prev_mute;
@@ -66,8 +79,9 @@ typedef struct sorn_hp_context_s {
     uint8_t prev_active;                        /* what the output currently is */
     int32_t xfade_length;
     int32_t xfade_remaining;
-    int32_t *dry_buffer;                        /* frame_count stereo int32 frames */
-    int32_t *work_buffer;                       /* frame_count stereo int32 frames */
+    int32_t *dry_buffer;                        /* buffer_frames stereo int32 frames */
+    int32_t *work_buffer;                       /* buffer_frames stereo int32 frames */
+    uint32_t buffer_frames;                     /* room in each buffer; never shrinks */
     void *wrapper;
     sorn_hp_params_t *params;                   /* exactly one parameter block once loaded */
     int32_t params_loaded;
@@ -81,6 +95,8 @@ typedef struct sorn_hp_context_s {
 
 SORN_EXPORT int32_t configure(sorn_hp_context_t *ctx, effect_config_t *config);
 SORN_EXPORT int32_t init(sorn_hp_context_t *ctx, uint32_t sampleRate);
+SORN_EXPORT int32_t reserve_buffers(sorn_hp_context_t *ctx, size_t frames);
+SORN_EXPORT void set_default_config(sorn_hp_context_t *ctx);
 SORN_EXPORT bool is_support_effect(sorn_hp_context_t *ctx);
 SORN_EXPORT bool is_support_device(audio_devices_t device);
 SORN_EXPORT bool is_support_audiomode(audio_mode_t mode);

@@ -63,6 +63,7 @@ int32_t EffectCreate(const effect_uuid_t *uuid, int32_t sessionId, int32_t /*ioI
     ctx->mute_threshold = 5000;
     ctx->xfade_length = 2048;
     ctx->stat_interval = 240000;
+    set_default_config(ctx);
     *pHandle = reinterpret_cast<effect_handle_t>(ctx);
     SORN_LOGD(kTag, "%s: %p, sid %d, version %s", "EffectCreate", static_cast<void *>(ctx),
               sessionId, SORN_HP_EFFECT_VERSION);
@@ -78,6 +79,7 @@ int32_t EffectRelease(effect_handle_t handle) {
     ctx->work_buffer = nullptr;
     std::free(ctx->dry_buffer);
     ctx->dry_buffer = nullptr;
+    ctx->buffer_frames = 0;
     if (ctx->wrapper != nullptr) {
         sorn_hp_wrapper_deinit(ctx->wrapper);
         ctx->wrapper = nullptr;

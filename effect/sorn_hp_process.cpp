@@ -16,30 +16,9 @@
 namespace {
 
 constexpr const char *kTag = SORN_LOG_TAG_EFFECT;
-constexpr size_t kMaxFrames = size_t{1} << 24;  // far beyond any framework buffer
 constexpr float kInt32ToFloat = 1.0f / 2147483648.0f;
 
 enum Mute : int32_t { kSound = 0, kFadingOut = 1, kMuted = 2 };
-
-// Gives both working buffers room for `frames` stereo frames. On failure the old buffers and
-// frame_count stay as they were.
-bool resize_buffers(sorn_hp_context_t *ctx, size_t frames) {
-    if (frames > kMaxFrames) return false;
-    const size_t bytes = frames * 2 * sizeof(int32_t);
-    auto *work = static_cast<int32_t *>(std::malloc(bytes));
-    auto *dry = static_cast<int32_t *>(std::malloc(bytes));
-    if (work == nullptr || dry == nullptr) {
-        std::free(work);
-        std::free(dry);
-        return false;
-    }
-    std::free(ctx->work_buffer);
-    std::free(ctx->dry_buffer);
-    ctx->work_buffer = work;
-    ctx->dry_buffer = dry;
-    ctx->frame_count = static_cast<uint32_t>(frames);
-    return true;
-}
 
 // True when any of `count` float samples is a NaN or an infinity (all exponent bits set). The
 // bits are scanned whole chunks at a time, with no early exit, so the loop vectorizes: for
@@ -238,11 +217,14 @@ int32_t process(effect_handle_t self, audio_buffer_t *inBuffer, audio_buffer_t *
     const size_t frames = inBuffer->frameCount;
     if (frames == 0 || outBuffer->frameCount != frames || ctx->configured != 1) return -22;
 
-    if (ctx->work_buffer == nullptr || frames != ctx->frame_count) {
+    // The buffers only grow, and only for a call longer than any before it (and than the
+    // configuration announced): a stream that changes between sizes it has had costs nothing.
+    if (ctx->work_buffer == nullptr || frames > ctx->buffer_frames) {
         SORN_LOGD(kTag, "%p numFrames change to %zu, accessMode %d", static_cast<void *>(ctx),
                   frames, ctx->config.outputCfg.accessMode);
-        if (!resize_buffers(ctx, frames)) return -22;
+        if (reserve_buffers(ctx, frames) != 0) return -22;
     }
+    ctx->frame_count = static_cast<uint32_t>(frames);
     const size_t samples = size_t{ctx->frame_count} * 2;
     const size_t bytes = samples * sizeof(int32_t);
     convert_input(ctx, inBuffer->raw, samples);
@@ -283,5 +265,9 @@ int32_t process(effect_handle_t self, audio_buffer_t *inBuffer, audio_buffer_t *
     const bool accumulate = ctx->config.outputCfg.accessMode == EFFECT_BUFFER_ACCESS_ACCUMULATE &&
                             inBuffer->raw != outBuffer->raw;
     write_output(ctx, ctx->work_buffer, outBuffer->raw, samples, accumulate);
-    return ctx->state == 2 ? 0 : -61;
+    // Disabled: -61 tells the framework that it may stop calling, which it does at once, so that
+    // answer waits until the fade back to the dry signal has ended (prev_active drops to 0 in
+    // the call that ends it). An instance that was not heard has nothing to fade.
+    if (ctx->state == 2 || ctx->prev_active == 1) return 0;
+    return -61;
 }

@@ -7,8 +7,8 @@
 // Checked on every call: nothing is read or written outside the exact-size buffers; a refused
 // call changes neither its output buffer nor the reply; the input of an out-of-place call is
 // left alone; reply sizes never grow; process refuses exactly the calls it must and otherwise
-// returns 0 when enabled, -61 when not; float output is finite and within [-1, 1]; integer
-// accumulation never wraps.
+// returns 0 when enabled, -61 when not (after DISABLE 0 until the first -61: the fade back to
+// dry); float output is finite and within [-1, 1]; integer accumulation never wraps.
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <algorithm>
@@ -27,6 +27,7 @@ struct Instance {
     effect_handle_t h = nullptr;
     int state = 0;  // what the instance should be in: 1 created, 2 enabled
     bool configured = false, accumulate = false;
+    bool fading = false;  // disabled, and no -61 since: the fade back to dry may still run
     uint32_t format = AUDIO_FORMAT_PCM_32_BIT;
 };
 
@@ -181,6 +182,7 @@ void do_command(FuzzedDataProvider &fdp, Instance &in, Budget &budget) {
         if (word == 0) in.format = c.inputCfg.format, in.accumulate = c.outputCfg.accessMode == EFFECT_BUFFER_ACCESS_ACCUMULATE;
     } else if (code == EFFECT_CMD_ENABLE || code == EFFECT_CMD_DISABLE) {
         in.state = code == EFFECT_CMD_ENABLE ? 2 : 1;
+        in.fading = code == EFFECT_CMD_DISABLE;
     } else if (code == EFFECT_CMD_GET_PARAM && reply_size > 16) {
         FUZZ_CHECK(std::memchr(reply.data() + 16, 0, reply_size - 16) != nullptr, "status text not terminated");
     }
@@ -246,7 +248,8 @@ void do_process(FuzzedDataProvider &fdp, Instance &in, Budget &budget) {
         FUZZ_CHECK(r == -22 && target.snapshot() == out_before, "a call that must be refused returned %d or changed the output", r);
         return;
     }
-    FUZZ_CHECK(r == (in.state == 2 ? 0 : -61), "process returned %d in state %d", r, in.state);
+    in.fading = in.state == 1 && in.fading && r == 0;
+    FUZZ_CHECK(r == (in.state == 2 || in.fading ? 0 : -61), "process returned %d in state %d", r, in.state);
     const long bad = sorn_fuzz::bad_output(in.format, in.accumulate && !in_place, out_before.data(), target.data(), frames * 2);
     FUZZ_CHECK(bad < 0, "output sample %ld of format %u out of range or wrapped", bad, in.format);
 }
