@@ -108,6 +108,11 @@ int32_t set_param(sorn_hp_context_t *ctx, uint32_t cmdSize, const void *pCmdData
     if (pCmdData == nullptr || pReplyData == nullptr || cmdSize < kParamValueAt) return -22;
     reply_word(replySize, pReplyData, 0);
     const char *cmd = static_cast<const char *>(pCmdData);
+    // Every parameter here is one word; with a longer key the value would not start at byte 16.
+    if (load_u32(cmd, 4) != sizeof(int32_t)) {
+        reply_word(replySize, pReplyData, -22);
+        return 0;
+    }
     const uint32_t value_bytes = cmdSize - kParamValueAt;
     switch (load_u32(cmd, kParamHeader)) {
         case SORN_HP_PARAM_BYPASS:
@@ -137,7 +142,12 @@ int32_t get_param(sorn_hp_context_t *ctx, uint32_t cmdSize, const void *pCmdData
         store_i32(reply, 0, -22);
         return 0;
     }
-    if (load_u32(reply, kParamHeader) != SORN_HP_PARAM_STATUS) return 0;
+    if (load_u32(reply, kParamHeader) != SORN_HP_PARAM_STATUS) {
+        // No value comes back, and the reply says so: a client copies vsize bytes on status 0.
+        store_i32(reply, 0, -22);
+        store_i32(reply, 8, 0);
+        return 0;
+    }
 
     sorn_hp_status_t status = {};
     sorn_hp_wrapper_get_parameters(ctx->wrapper, &status);
@@ -232,6 +242,25 @@ int32_t command(effect_handle_t self, uint32_t cmdCode, uint32_t cmdSize, void *
             reply_word(replySize, pReplyData, 0);
             return 0;
         }
+
+        case EFFECT_CMD_GET_CONFIG:
+            if (pReplyData == nullptr || replySize == nullptr ||
+                *replySize != sizeof(effect_config_t)) {
+                return -22;
+            }
+            std::memcpy(pReplyData, &ctx->config, sizeof(effect_config_t));
+            *replySize = sizeof(effect_config_t);
+            return 0;
+
+        // Features this effect does not have: the caller must not take an unwritten reply for
+        // an answer.
+        case EFFECT_CMD_SET_CONFIG_REVERSE:
+        case EFFECT_CMD_GET_CONFIG_REVERSE:
+        case EFFECT_CMD_GET_FEATURE_SUPPORTED_CONFIGS:
+        case EFFECT_CMD_GET_FEATURE_CONFIG:
+        case EFFECT_CMD_SET_FEATURE_CONFIG:
+        case EFFECT_CMD_OFFLOAD:
+            return -38;
 
         default:
             return 0;

@@ -6,7 +6,8 @@
  *
  * EffectCreate: -22 for null arguments, -2 for another uuid (nothing stored), -12 when the
  * context cannot be allocated (nothing stored); otherwise a new instance in state 1 with no
- * wrapper, buffers or parameters until it is configured. EffectRelease: -22 for null; frees
+ * wrapper, buffers or parameters until it is configured, holding the default configuration
+ * that GET_CONFIG reports until then (set_default_config). EffectRelease: -22 for null; frees
  * everything the instance owns; the handle is invalid afterwards. EffectGetDescriptor: -22 for
  * null arguments (with a WARN line) or another uuid. get_descriptor, EffectQueryEffect(0) and
  * EffectGetDescriptor hand out the same 172 bytes; EffectQueryNumberEffects reports 1.

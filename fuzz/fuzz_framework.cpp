@@ -183,6 +183,11 @@ void do_command(FuzzedDataProvider &fdp, Instance &in, Budget &budget) {
     } else if (code == EFFECT_CMD_ENABLE || code == EFFECT_CMD_DISABLE) {
         in.state = code == EFFECT_CMD_ENABLE ? 2 : 1;
         in.fading = code == EFFECT_CMD_DISABLE;
+    } else if (code == EFFECT_CMD_GET_CONFIG) {
+        effect_config_t c;
+        std::memcpy(&c, reply.data(), sizeof c);
+        FUZZ_CHECK(c.inputCfg.channels == AUDIO_CHANNEL_OUT_STEREO && c.inputCfg.format == c.outputCfg.format,
+                   "GET_CONFIG answered a configuration SET_CONFIG would refuse");
     } else if (code == EFFECT_CMD_GET_PARAM && reply_size > 16) {
         FUZZ_CHECK(std::memchr(reply.data() + 16, 0, reply_size - 16) != nullptr, "status text not terminated");
     }

@@ -81,11 +81,51 @@ TEST_F(EffectCommand, LifecycleAndBufferChecks) {
         EXPECT_EQ(fx.cmd(code, 4, word, &zero, &reply), 0) << code;
     }
     EXPECT_EQ(reply, 0x5A5A5A5A);
+    // Features this effect does not have, sent as the HAL sends them: a status word it does not
+    // initialise (12, 18, 20), a configuration or config list to be filled (15, 16), reply size
+    // 0 (17). -38 and nothing written, or the HAL would report the garbage as the answer.
+    const struct { uint32_t code, cmd_size, reply_size; } unsupported[] = {
+        {EFFECT_CMD_SET_CONFIG_REVERSE, sizeof c, 4}, {EFFECT_CMD_GET_CONFIG_REVERSE, 0, sizeof c},
+        {EFFECT_CMD_GET_FEATURE_SUPPORTED_CONFIGS, 8, 8 + 4 * 8}, {EFFECT_CMD_GET_FEATURE_CONFIG, 4, 0},
+        {EFFECT_CMD_SET_FEATURE_CONFIG, 12, 4}, {EFFECT_CMD_OFFLOAD, 8, 4}};
+    for (const auto &u : unsupported) {
+        std::vector<uint8_t> data(u.cmd_size), out(std::max(u.reply_size, 4u), 0xA5);
+        uint32_t out_size = u.reply_size;
+        EXPECT_EQ(fx.cmd(u.code, u.cmd_size, u.cmd_size != 0 ? data.data() : nullptr, &out_size, out.data()), -38) << u.code;
+        EXPECT_EQ(out, std::vector<uint8_t>(out.size(), 0xA5)) << u.code;
+        EXPECT_EQ(out_size, u.reply_size) << u.code;
+    }
     // Applied all the same; a word that names no audio mode is kept as AUDIO_MODE_INVALID.
     EXPECT_TRUE(has(fx.status_text(), "mode: -2  dev: 0x1000000"));
 }
 
 TEST_F(EffectCommand, ConfigurationChecks) {
+    // The HAL reads the configuration with no command data and a reply of exactly one
+    // effect_config_t, right after creation too: VTS sets back what it read and expects success.
+    auto get_config = [&](effect_config_t *reply, uint32_t size = sizeof(effect_config_t)) {
+        std::memset(reply, 0xA5, sizeof *reply);
+        const int32_t r = fx.cmd(EFFECT_CMD_GET_CONFIG, 0, nullptr, &size, reply);
+        EXPECT_EQ(size, r == 0 ? sizeof *reply : size);
+        return r;
+    };
+    effect_config_t got, want, garbage;
+    std::memset(&want, 0, sizeof want);  // 48 kHz stereo 32-bit, READ in, ACCUMULATE out, every mask bit
+    for (buffer_config_t *b : {&want.inputCfg, &want.outputCfg})
+        b->samplingRate = 48000, b->channels = AUDIO_CHANNEL_OUT_STEREO, b->format = AUDIO_FORMAT_PCM_32_BIT, b->mask = 0x1F;
+    want.inputCfg.accessMode = EFFECT_BUFFER_ACCESS_READ, want.outputCfg.accessMode = EFFECT_BUFFER_ACCESS_ACCUMULATE;
+    std::memset(&garbage, 0xA5, sizeof garbage);
+    for (uint32_t size : {0u, 4u, 111u, 113u}) {
+        EXPECT_EQ(get_config(&got, size), -22) << size;
+        EXPECT_EQ(std::memcmp(&got, &garbage, sizeof got), 0) << "a refusal writes nothing";
+    }
+    EXPECT_EQ(fx.cmd(EFFECT_CMD_GET_CONFIG, 0, nullptr, nullptr, &got), -22);
+    ASSERT_EQ(get_config(&got), 0);
+    EXPECT_EQ(std::memcmp(&got, &want, sizeof got), 0) << "the default, every byte written";
+    int32_t frame[2] = {1, 2};
+    EXPECT_EQ(fx.process(frame, frame, 1), -22) << "the default does not make the instance configured";
+    EXPECT_EQ(fx.configure(got), 0);
+    EXPECT_EQ(fx.process(frame, frame, 1), -61);
+
     // Channels, access modes, and formats: in and out must match, and 8-bit and packed 24-bit
     // have no output conversion, so the framework must fall back.
     const struct { uint32_t channels; uint8_t in_access, out_access, in_format, out_format; const char *what; } refusals[] = {
@@ -101,17 +141,22 @@ TEST_F(EffectCommand, ConfigurationChecks) {
     }
     int16_t buf[4] = {1, 2, 3, 4};
     EXPECT_EQ(fx.process(buf, buf + 2, 1), -22) << "a refused configuration stops processing";
+    ASSERT_EQ(get_config(&got), 0);
+    EXPECT_EQ(std::memcmp(&got, &want, sizeof got), 0) << "the last accepted configuration stays";
 
     for (uint32_t f : {1u, 3u, 4u, 5u}) EXPECT_EQ(fx.configure(f, 48000, 2), 0) << f;
-    EXPECT_EQ(log.count_containing("sorn_hp_wrapper_init"), 1) << "same rate, same wrapper";
+    EXPECT_EQ(log.count_containing("sorn_hp_wrapper_init"), 0) << "same rate, same wrapper";
     effect_config_t rates = sorn_test::make_config(AUDIO_FORMAT_PCM_16_BIT, 44100);
     rates.outputCfg.samplingRate = 48000;
     const sorn_hp_params_t flat{};
     ASSERT_EQ(fx.set_param(100, &flat, sizeof flat), 0);
     EXPECT_EQ(fx.configure(rates), 0);
     EXPECT_EQ(log.count("configure: samplingRate configure 44100", ANDROID_LOG_INFO, kTag), 1);
-    EXPECT_EQ(log.count_containing("sorn_hp_wrapper_init"), 2);
+    EXPECT_EQ(log.count_containing("sorn_hp_wrapper_init"), 1);
     EXPECT_TRUE(has(fx.status_text(), "check: 2")) << "the new wrapper got the stored block";
+    ASSERT_EQ(get_config(&got), 0);
+    EXPECT_TRUE(got.inputCfg.samplingRate == 44100 && got.outputCfg.samplingRate == 48000 &&
+                got.inputCfg.format == AUDIO_FORMAT_PCM_16_BIT && got.outputCfg.accessMode == 0) << "stored whole";
 }
 
 // Every event re-decides the output: only one supported device, the normal mode and bypass off.
@@ -152,10 +197,12 @@ TEST_F(EffectCommand, ParameterBlockAndStatusText) {
     // Commands are read only up to cmdSize; each buffer here is exactly cmdSize bytes, so the
     // sanitizer builds also see any byte read past it. {words, cmdSize, result}: a header without
     // the id; a whole 16-bit bypass word; a 4-byte one with 2 bytes present; a block of 291 bytes;
-    // one claiming 292 but bringing 84.
+    // one claiming 292 but bringing 84; a bypass and a block under two-word keys (psize 8, the
+    // Java API's int-array form), whose values start at byte 20.
     const struct { std::vector<uint32_t> words; size_t bytes; int32_t result; } cases[] = {
         {{0, 4, 4}, 12, -22}, {{0, 4, 2, 900, 0}, 18, 0}, {{0, 4, 4, 900, 1}, 18, -22},
-        {{0, 4, 291, 100}, 16 + 291, -22}, {{0, 4, 292, 100}, 100, -22}};
+        {{0, 4, 291, 100}, 16 + 291, -22}, {{0, 4, 292, 100}, 100, -22},
+        {{0, 8, 4, 900, 0, 1}, 24, -22}, {{0, 8, 292, 100, 0}, 20 + 292, -22}};
     for (const auto &c : cases) {
         auto p = std::make_unique<uint8_t[]>(c.bytes);
         std::memcpy(p.get(), c.words.data(), std::min(c.bytes, c.words.size() * 4));
@@ -171,25 +218,34 @@ TEST_F(EffectCommand, ParameterBlockAndStatusText) {
     EXPECT_EQ(log.count_containing("sorn_hp_wrapper_set_parameters"), 2);
     EXPECT_EQ(fx.set_param(555, block.data(), 4), 0) << "unknown ids are accepted";
 
-    uint32_t query[5] = {0, 4, 1024, 201, 0}, header[3] = {0, 4, 4}, size = 19;  // header: cut before the id
+    // GET_PARAM, reply buffers filled with garbage: one too small for the header and a word
+    // (-22); a command cut before the id (-22); psize 8, and an id other than 201 as an app's
+    // getParameter(555, byte[4]) sends it: refused in the reply's status, the unknown id with
+    // vsize 0, since a client copies vsize bytes of any reply whose status is 0.
+    const struct { std::vector<uint32_t> words; uint32_t bytes, reply_size; int32_t result, status, vsize; } gets[] = {
+        {{0, 4, 1024, 201}, 16, 19, -22, 0, 0}, {{0, 4, 4}, 12, 64, -22, 0, 0},
+        {{0, 8, 1024, 201, 0}, 20, 64, 0, -22, 1024}, {{0, 4, 4, 555}, 16, 20, 0, -22, 0}};
     char reply[64];
-    std::memset(reply, 0x5A, sizeof reply);
-    EXPECT_EQ(fx.cmd(EFFECT_CMD_GET_PARAM, 16, query, &size, reply), -22);
-    size = sizeof reply;
-    EXPECT_EQ(fx.cmd(EFFECT_CMD_GET_PARAM, 12, header, &size, reply), -22);
-    EXPECT_EQ(std::string(reply, sizeof reply), std::string(sizeof reply, 0x5A)) << "refusals write nothing";
-    size = 40;  // the text is cut to fit, terminated, and nothing beyond is written
+    for (const auto &g : gets) {
+        std::memset(reply, 0x5A, sizeof reply);
+        uint32_t size = g.reply_size;
+        EXPECT_EQ(fx.cmd(EFFECT_CMD_GET_PARAM, g.bytes, const_cast<uint32_t *>(g.words.data()), &size, reply), g.result) << g.words[3];
+        int32_t header[3];
+        std::memcpy(header, reply, sizeof header);
+        if (g.result != 0) {
+            EXPECT_EQ(std::string(reply, sizeof reply), std::string(sizeof reply, 0x5A)) << "refusals write nothing";
+            continue;
+        }
+        EXPECT_EQ(header[0], g.status) << g.words[3];
+        EXPECT_EQ(header[2], g.vsize) << g.words[3];
+        EXPECT_EQ(size, 16u) << g.words[3];
+        EXPECT_EQ(reply[16], 0x5A) << "no value";
+    }
+    uint32_t query[4] = {0, 4, 1024, 201}, size = 40;  // the text is cut to fit, terminated, and nothing beyond is written
     EXPECT_EQ(fx.cmd(EFFECT_CMD_GET_PARAM, 16, query, &size, reply), 0);
     EXPECT_EQ(size, 40u);
     EXPECT_EQ(std::string(reply + 16), "en: 0  bypass: 0  pmi: ");
     EXPECT_EQ(reply[40], 0x5A);
-    query[1] = 8;  // psize other than 4: -22 in the reply's status word, no value
-    size = sizeof reply;
-    EXPECT_EQ(fx.cmd(EFFECT_CMD_GET_PARAM, 20, query, &size, reply), 0);
-    int32_t status;
-    std::memcpy(&status, reply, 4);
-    EXPECT_EQ(status, -22);
-    EXPECT_EQ(size, 16u);
 }
 
 }  // namespace
