@@ -106,7 +106,6 @@ TEST(Ne10Fft, RefusedSizesAndNoAllocationWhileRunning) {
 // plan or array.
 TEST(Ne10FftDeathTest, HostLayerAbortsOnCallsNe10ComputesWrongly) {
     if (!kHostLayer) GTEST_SKIP() << "refusals of the host layer";
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     for (int n : {2, 256, 1024}) {
         ne10_fft_cfg_float32_t cfg = ne10_fft_alloc_c2c_float32_neon(n);
         std::vector<Cpx> a = noise(n + 1, 2);
