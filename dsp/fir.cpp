@@ -206,14 +206,10 @@ extern "C" void fir_process(orla_fir_t *fir, int *in, int *out, int n) {
         block[i].r = static_cast<float>(in[i]);
         block[i].i = 0.0f;
     }
-#if defined(SORN_NE10_HOST_LAYER)
-    /* This FFT layer leaves its input alone: the frame is transformed where it is. */
-    ne10_fft_c2c_1d_float32_neon(freq_buf, frame, fir->fft_cfg, 0);
-#else
-    /* Real Ne10 does not promise to leave its input alone: the transform gets a copy. */
+    /* The transform gets a copy of the frame: Ne10 does not promise to leave its input alone,
+       and the frame must survive until the next block. */
     std::memcpy(time_buf, frame, static_cast<size_t>(size) * sizeof(*time_buf));
     ne10_fft_c2c_1d_float32_neon(freq_buf, time_buf, fir->fft_cfg, 0);
-#endif
     for (int k = 0; k < size; ++k) {
         const float xr = freq_buf[k].r;
         const float xi = freq_buf[k].i;
@@ -222,15 +218,7 @@ extern "C" void fir_process(orla_fir_t *fir, int *in, int *out, int n) {
         freq_buf[k].r = hr * xr - hi * xi;
         freq_buf[k].i = hi * xr + hr * xi;
     }
-    const ne10_fft_cpx_float32_t *result = time_buf + offset;
-#if defined(SORN_NE10_HOST_LAYER)
-    /* Only the block's real parts are kept: they alone get the inverse's 1/N scaling, the same
-       float product the layer would apply to every value. */
-    sorn_fft_c2c_inverse_unscaled(time_buf, freq_buf, fir->fft_cfg);
-    const float scale = 1.0f / static_cast<float>(size);
-    for (int i = 0; i < n; ++i) out[i] = sorn::sat_f2i32(result[i].r * scale);
-#else
     ne10_fft_c2c_1d_float32_neon(time_buf, freq_buf, fir->fft_cfg, 1);
+    const ne10_fft_cpx_float32_t *result = time_buf + offset;
     for (int i = 0; i < n; ++i) out[i] = sorn::sat_f2i32(result[i].r);
-#endif
 }

@@ -63,8 +63,9 @@ typedef struct {
     int32_t fft_size;  /* N, length of every array below but history */
     int32_t in_offset; /* where each new block is written: N - block length */
     int32_t *param;    /* N Q23 taps as last stored */
-    /* 2N values holding the overlap-save frame: N values from frame_pos on, oldest first, as
-       the forward transform's input. Each sample is converted to float once, when it arrives
+    /* 2N values holding the overlap-save frame: N values from frame_pos on, oldest first, in
+       the forward transform's input layout (the transform runs on a copy in time_buf, out of
+       place). Each sample is converted to float once, when it arrives
        (imaginary parts 0). The frame moves forward by a block each call and is copied back to
        the start only when it reaches the end, instead of being shifted every call. */
     ne10_fft_cpx_float32_t *history;

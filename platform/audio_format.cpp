@@ -85,7 +85,13 @@ int16_t i16_from_p24(int32_t v) { return static_cast<int16_t>(v >> 8); }
 uint8_t u8_from_i16(int16_t s) { return static_cast<uint8_t>((s >> 8) + 0x80); }
 uint8_t u8_from_i32(int32_t v) { return static_cast<uint8_t>((v >> 24) + 0x80); }
 uint8_t u8_from_q8_23(int32_t v) { return u8_from_i16(i16_from_q8_23(v)); }
-uint8_t u8_from_f32(float f) { return static_cast<uint8_t>(int_from_float(f, 128.0f) + 0x80); }
+// Float to unsigned 8-bit: offset by 128, clamp to [0, 255], round half away from zero. The sum
+// f * 128 + 128 is itself a float, so a value just below a half-way point can land on it and
+// round up. f * 128 is exact (or overflows, and clamps the same), so whether the compiler fuses
+// the multiply-add does not change the result. NaN gives 255: fminf returns 255 for it.
+uint8_t u8_from_f32(float f) {
+    return static_cast<uint8_t>(std::roundf(std::fmaxf(std::fminf(f * 128.0f + 128.0f, 255.0f), 0.0f)));
+}
 uint8_t u8_from_p24(int32_t v) { return static_cast<uint8_t>((v >> 16) + 0x80); }
 
 int32_t q8_23_from_i16(int16_t s) { return s * 256; }

@@ -5,8 +5,8 @@
  * A plan holds two out-of-place FFTW plans (forward, backward) made on an input and an output
  * array that the plan owns, both allocated by fftwf_malloc and so aligned as FFTW's SIMD code
  * wants. When a caller's arrays are aligned the same way and distinct, the FFTW plan runs on
- * them directly; otherwise the data goes through the owned arrays. Either way any caller
- * buffer works and execution allocates nothing.
+ * them directly; otherwise (and for an in-place call at the sizes Ne10 computes in place
+ * correctly) the data goes through the owned arrays. Execution allocates nothing.
  *
  * FFTW's planner is not thread-safe: planning and plan destruction are serialised by one
  * process-wide mutex, so two effect instances may be created or released from two threads.
@@ -81,42 +81,24 @@ extern "C" ne10_fft_cfg_float32_t ne10_fft_alloc_c2c_float32_neon(ne10_int32_t n
     return &plan->head;
 }
 
-namespace {
-
-/* The transform without the inverse's scaling. Returns the plan, or null when nothing ran. */
-FftwPlan *transform(ne10_fft_cpx_float32_t *fout, ne10_fft_cpx_float32_t *fin,
-                    ne10_fft_cfg_float32_t cfg, bool inverse) {
-    if (cfg == nullptr || fin == nullptr || fout == nullptr) return nullptr;
-    FftwPlan *plan = plan_of(cfg);
-    const size_t n = static_cast<size_t>(plan->head.nfft);
-    fftwf_plan p = inverse ? plan->backward : plan->forward;
-
-    if (fin != fout && fftw_aligned(fin) && fftw_aligned(fout)) {
-        fftwf_execute_dft(p, reinterpret_cast<fftwf_complex *>(fin),
-                          reinterpret_cast<fftwf_complex *>(fout));
-    } else {
-        std::memcpy(plan->in, fin, n * sizeof(fftwf_complex));
-        fftwf_execute(p);
-        std::memcpy(fout, plan->out, n * sizeof(fftwf_complex));
-    }
-    return plan;
-}
-
-}  // namespace
-
 extern "C" void ne10_fft_c2c_1d_float32_neon(ne10_fft_cpx_float32_t *fout,
                                              ne10_fft_cpx_float32_t *fin,
                                              ne10_fft_cfg_float32_t cfg,
                                              ne10_int32_t inverse_fft) {
-    FftwPlan *plan = transform(fout, fin, cfg, inverse_fft != 0);
-    if (plan != nullptr && inverse_fft != 0)
-        sorn::fft_scale_complex(fout, plan->head.nfft, plan->inverse_scale);
-}
-
-extern "C" void sorn_fft_c2c_inverse_unscaled(ne10_fft_cpx_float32_t *fout,
-                                              ne10_fft_cpx_float32_t *fin,
-                                              ne10_fft_cfg_float32_t cfg) {
-    transform(fout, fin, cfg, true);
+    sorn::fft_check_call(fout, fin, cfg);
+    FftwPlan *plan = plan_of(cfg);
+    const int32_t n = plan->head.nfft;
+    fftwf_plan p = inverse_fft != 0 ? plan->backward : plan->forward;
+    if (fin != fout && fftw_aligned(fin) && fftw_aligned(fout)) {
+        fftwf_execute_dft(p, reinterpret_cast<fftwf_complex *>(fin),
+                          reinterpret_cast<fftwf_complex *>(fout));
+    } else {
+        const size_t bytes = static_cast<size_t>(n) * sizeof(fftwf_complex);
+        std::memcpy(plan->in, fin, bytes);
+        fftwf_execute(p);
+        std::memcpy(fout, plan->out, bytes);
+    }
+    if (inverse_fft != 0) sorn::fft_scale_complex(fout, n, plan->inverse_scale);
 }
 
 extern "C" void ne10_fft_destroy_c2c_float32(ne10_fft_cfg_float32_t cfg) {

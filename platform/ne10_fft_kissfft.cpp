@@ -4,7 +4,8 @@
  * A plan is one malloc block: this record, KissFFT's forward and inverse configurations placed
  * in the block by kiss_fft_alloc, and N points of scratch. So destroying a plan is a plain
  * free(), exactly as with Ne10. KissFFT allocates a temporary buffer when handed the same
- * array as input and output, so an in-place call goes through the plan's scratch instead.
+ * array as input and output, so an in-place call (allowed at the sizes Ne10 computes in place
+ * correctly) goes through the plan's scratch instead.
  */
 #include <NE10.h>
 #include <kiss_fft.h>
@@ -66,39 +67,21 @@ extern "C" ne10_fft_cfg_float32_t ne10_fft_alloc_c2c_float32_neon(ne10_int32_t n
     return &plan->head;
 }
 
-namespace {
-
-/* The transform without the inverse's scaling. Returns the plan, or null when nothing ran. */
-KissPlan *transform(ne10_fft_cpx_float32_t *fout, ne10_fft_cpx_float32_t *fin,
-                    ne10_fft_cfg_float32_t cfg, bool inverse) {
-    if (cfg == nullptr || fin == nullptr || fout == nullptr) return nullptr;
-    KissPlan *plan = plan_of(cfg);
-    const size_t n = static_cast<size_t>(plan->head.nfft);
-    const kiss_fft_cpx *src = reinterpret_cast<const kiss_fft_cpx *>(fin);
-    if (fin == fout) {
-        std::memcpy(plan->scratch, fin, n * sizeof(kiss_fft_cpx));
-        src = plan->scratch;
-    }
-    auto *dst = reinterpret_cast<kiss_fft_cpx *>(fout);
-    kiss_fft(inverse ? plan->inverse : plan->forward, src, dst);
-    return plan;
-}
-
-}  // namespace
-
 extern "C" void ne10_fft_c2c_1d_float32_neon(ne10_fft_cpx_float32_t *fout,
                                              ne10_fft_cpx_float32_t *fin,
                                              ne10_fft_cfg_float32_t cfg,
                                              ne10_int32_t inverse_fft) {
-    KissPlan *plan = transform(fout, fin, cfg, inverse_fft != 0);
-    if (plan != nullptr && inverse_fft != 0)
-        sorn::fft_scale_complex(fout, plan->head.nfft, plan->inverse_scale);
-}
-
-extern "C" void sorn_fft_c2c_inverse_unscaled(ne10_fft_cpx_float32_t *fout,
-                                              ne10_fft_cpx_float32_t *fin,
-                                              ne10_fft_cfg_float32_t cfg) {
-    transform(fout, fin, cfg, true);
+    sorn::fft_check_call(fout, fin, cfg);
+    KissPlan *plan = plan_of(cfg);
+    const int32_t n = plan->head.nfft;
+    const kiss_fft_cpx *src = reinterpret_cast<const kiss_fft_cpx *>(fin);
+    if (fin == fout) {
+        std::memcpy(plan->scratch, fin, static_cast<size_t>(n) * sizeof(kiss_fft_cpx));
+        src = plan->scratch;
+    }
+    kiss_fft(inverse_fft != 0 ? plan->inverse : plan->forward, src,
+             reinterpret_cast<kiss_fft_cpx *>(fout));
+    if (inverse_fft != 0) sorn::fft_scale_complex(fout, n, plan->inverse_scale);
 }
 
 extern "C" void ne10_fft_destroy_c2c_float32(ne10_fft_cfg_float32_t cfg) { std::free(cfg); }

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <cstring>
 #include <initializer_list>
@@ -72,6 +73,9 @@ const std::vector<Case> kCases = {
     {F8, F32, i32({kMin, -1, 0xFFFFFF, 0x1000000, kMax}), u8({0, 0x7F, 0x80, 0x81, 0xFF})},
     {F8, Q824, i32({kMin, 0, 0xFFFF, 0x10000, 0x7FFFFF, kMax}), u8({0, 0x80, 0x80, 0x81, 0xFF, 0xFF})},
     {F8, FLT, flt({-kInf, -1.0f, 0.0f, 0x1p-8f, 0.5f, 1.0f}), u8({0, 0, 0x80, 0x81, 0xC0, 0xFF})},
+    // float to 8-bit offsets by 128 before rounding, and that sum is a float: just below a
+    // half-way point it can land on it (the last one by rounding to even) and so round up
+    {F8, FLT, flt({0x1p-8f - 0x1p-31f, -0x1p-8f - 0x1p-31f, 0x1.f9fffep-1f}), u8({0x81, 0x80, 0xFF})},
     {F8, P24, p24({-0x800000, 0x7FFFFF, -1}), u8({0, 0xFF, 0x7F})},
     // to 8.24
     {Q824, F16, i16({-32768, -1, 32767}), i32({-0x800000, -256, 0x7FFF00})},
@@ -124,34 +128,49 @@ TEST(PlatformFormat, UnconvertedPairsUnknownFormatsAndNullBuffersLeaveDestinatio
     EXPECT_EQ(dst, Bytes(64, 0xA5));
 }
 
-// Float to integer conversions over random bit patterns (all exponents, NaN and Inf included)
-// against the rule computed in double: scale, round half away from zero, clamp; a NaN is the
-// upper limit, in 32-bit the processor's conversion of it. The buffer path (vector) must equal
-// clamp32_from_float (scalar) everywhere.
-TEST(PlatformFormat, FloatToIntegerMatchesRoundingRuleOnRandomInputs) {
+// Float to integer conversions against the rule computed in double: scale (and for 8-bit add the
+// offset 128, the sum rounded to float, which a double sum of these two floats rounds correctly),
+// round half away from zero, clamp; a NaN is the upper limit, in 32-bit the processor's
+// conversion of it. Inputs: every sign and exponent with the extreme and middle mantissas, the
+// float patterns around every 8-bit half-way point (where rounding the sum to float decides the
+// result), and a million random patterns (all exponents, NaN and Inf among them; half of them
+// integers over a power of two, which hit the half-way points of the wider formats). The buffer
+// path (vector) must equal clamp32_from_float (scalar) everywhere.
+TEST(PlatformFormat, FloatToIntegerMatchesRoundingRuleAtBoundariesHalfWayPointsAndRandomInputs) {
+    std::vector<float> in;
+    auto add_bits = [&in](uint32_t bits) { in.push_back(std::bit_cast<float>(bits)); };
+    for (uint32_t top = 0; top < 512; ++top) {
+        for (uint32_t mantissa : {0u, 1u, 0x400000u, 0x7FFFFEu, 0x7FFFFFu}) add_bits(top << 23 | mantissa);
+    }
+    for (int k = 1; k <= 255; ++k) {  // sums k - 0.5, between 8-bit outputs k - 1 and k
+        const uint32_t half_way = std::bit_cast<uint32_t>((static_cast<float>(k) - 128.5f) / 128.0f);
+        for (uint32_t d = 0; d <= 300; ++d) add_bits(half_way + d), add_bits(half_way - d);
+    }
     std::mt19937 rng(1234);
-    std::vector<float> in(20000);  // all exponents: NaNs among them
-    for (float &f : in) {
+    for (int i = 0; i < 1000000; ++i) {
         const uint32_t bits = rng();
-        std::memcpy(&f, &bits, sizeof f);
-        if (rng() % 2) f = std::ldexp(static_cast<float>(static_cast<int32_t>(rng())), -31 - int(rng() % 12));
+        in.push_back(rng() % 2 ? std::bit_cast<float>(bits)
+                               : std::ldexp(static_cast<float>(static_cast<int32_t>(bits)), -31 - int(rng() % 12)));
     }
     in.insert(in.end(), {kInf, -kInf});  // into the scalar tail after the vectors
-    auto rule = [](float f, double scale, double lo, double hi) -> int64_t {
+    auto rule = [](float f, double scale, double offset, double lo, double hi) -> int64_t {
         if (std::isnan(f)) return hi == kMax ? kNaN32 : hi;
-        const double v = std::round(static_cast<double>(f) * scale);
+        const double v = std::round(static_cast<double>(static_cast<float>(static_cast<double>(f) * scale + offset)));
         return static_cast<int64_t>(std::fmin(std::fmax(v, lo), hi));
     };
     std::vector<int32_t> out32(in.size()), outq(in.size());
     std::vector<int16_t> out16(in.size());
+    std::vector<uint8_t> out8(in.size());
     memcpy_by_audio_format(out32.data(), F32, in.data(), FLT, in.size());
     memcpy_by_audio_format(outq.data(), Q824, in.data(), FLT, in.size());
     memcpy_by_audio_format(out16.data(), F16, in.data(), FLT, in.size());
+    memcpy_by_audio_format(out8.data(), F8, in.data(), FLT, in.size());
     for (size_t i = 0; i < in.size(); ++i) {
         const float f = in[i];
-        ASSERT_EQ(out32[i], rule(f, 0x1p31, kMin, kMax)) << f;
-        ASSERT_EQ(outq[i], rule(f, 0x1p23, -0x800000, 0x7FFFFF)) << f;
-        ASSERT_EQ(out16[i], rule(f, 0x1p15, -32768, 32767)) << f;
+        ASSERT_EQ(out32[i], rule(f, 0x1p31, 0, kMin, kMax)) << f;
+        ASSERT_EQ(outq[i], rule(f, 0x1p23, 0, -0x800000, 0x7FFFFF)) << f;
+        ASSERT_EQ(out16[i], rule(f, 0x1p15, 0, -32768, 32767)) << f;
+        ASSERT_EQ(out8[i], rule(f, 128, 128, 0, 255)) << std::hexfloat << f;
         ASSERT_EQ(clamp32_from_float(f), out32[i]) << f;
     }
 }

@@ -1,29 +1,33 @@
 /*
- * The part of Ne10's API that the FFT FIR filter uses: the complex-to-complex float32 FFT.
- * On ARM builds the real Ne10 header and library are used; on this host the same names are
- * provided by platform/ne10_fft_<backend>.cpp on top of KissFFT (default) or FFTW.
+ * Ne10's complex-to-complex float32 FFT: the part of Ne10 this library uses. On ARM builds the
+ * real Ne10 header and library take this file's place; on this host the same names come from
+ * platform/ne10_fft_<backend>.cpp over KissFFT (default) or FFTW. The host layer computes
+ * exactly what Ne10 computes correctly and aborts, with a message on stderr, on the calls Ne10
+ * gets wrong, so code that passes here does not depend on anything a device lacks.
  *
- * Contract of this layer:
- *  - ne10_fft_alloc_c2c_float32_neon(n): a plan for n points. n must be at least 1 and have no
- *    prime factor other than 2, 3 and 5 (the sizes a mixed-radix transform handles without
- *    work memory); any other n, or running out of memory, gives NULL. Plans may be allocated
- *    and destroyed from several threads at once.
- *  - ne10_fft_c2c_1d_float32_neon(out, in, cfg, inverse): transform of cfg->nfft points;
- *    inverse 0 is the unscaled forward transform X[k] = sum x[t] e^(-2 pi i t k / N), any other
- *    value the inverse scaled by 1/N, so inverse(forward(x)) = x. Allocates nothing, locks
- *    nothing, needs no alignment, and does nothing when cfg, in or out is NULL. in == out is
- *    allowed (the layer copies through scratch that the plan owns), though the filter never
- *    does it. One plan serves one thread at a time: its scratch is not shared safely.
- *  - With in != out the transform only reads in (KissFFT and FFTW's complex transforms never
- *    write their input), so a caller may keep data there across calls.
- *  - sorn_fft_c2c_inverse_unscaled(out, in, cfg): the inverse without the 1/N scaling, which
- *    this layer applies afterwards as a product with the float 1.0f / N: a caller that needs
- *    only some of the values can scale just those and get the same bits.
- *    These two points are this layer's own (real Ne10 does not make them); code that relies on
- *    them tests SORN_NE10_HOST_LAYER and keeps a path for the real header.
- *  - ne10_fft_destroy_c2c_float32(cfg) releases everything the plan holds; NULL is ignored.
- *    With KissFFT (and real Ne10) a plan is one heap block and this is a plain free(); with
- *    FFTW it also destroys the FFTW plans, so always release plans through this call.
+ * ne10_fft_alloc_c2c_float32_neon(nfft)
+ *     A plan for nfft points, or NULL when it cannot be made. Sizes: nfft >= 1 whose only prime
+ *     factors are 2, 3 and 5 (radices 2, 3, 4 and 5). Ask for no other size: Ne10 returns NULL
+ *     for some (1022) and for others (7) a plan that computes wrong results; the host layer
+ *     returns NULL for all of them. Plans may be made and destroyed on several threads at once.
+ *
+ * ne10_fft_c2c_1d_float32_neon(fout, fin, cfg, inverse_fft)
+ *     Transforms cfg->nfft points from fin into fout.
+ *     inverse_fft == 0: forward, unscaled: X[k] = sum over t of x[t] e^(-2 pi i t k / N).
+ *     inverse_fft != 0: inverse, scaled by 1/N, so that the inverse of the forward transform
+ *     returns the input (the host layer multiplies each value by the float 1.0f / N).
+ *     Aliasing: pass separate arrays that do not overlap. Ne10 computes a transform in place
+ *     (fout == fin) wrongly at 2 points and at 256 points and above; the host layer aborts on
+ *     those calls and on arrays that partly overlap, and computes fout == fin correctly at the
+ *     other sizes below 256 points, as Ne10 does at 1, 8, 16 and 240 points. The contents of
+ *     fin after the call are not promised: keep a copy of data still needed.
+ *     cfg, fout and fin must not be NULL (the host layer aborts). Arrays need no alignment beyond the type's own. The
+ *     call allocates nothing and takes no lock; a plan's work memory serves one transform at a
+ *     time, so one plan must not run on two threads at once (separate plans may).
+ *
+ * ne10_fft_destroy_c2c_float32(cfg)
+ *     Releases the plan; NULL is ignored. With Ne10 (and KissFFT here) a plan is one heap block
+ *     and this is a plain free(); FFTW's plans hold more, so always release plans through it.
  */
 #ifndef SORN_PLATFORM_NE10_H
 #define SORN_PLATFORM_NE10_H
@@ -42,7 +46,7 @@ typedef struct {
     ne10_float32_t i;
 } ne10_fft_cpx_float32_t;
 
-/* Opaque to callers except for nfft; the backend keeps its state behind this header. */
+/* Opaque to callers except for nfft, the plan's size; the backend keeps its state behind it. */
 typedef struct {
     ne10_int32_t nfft;
 } ne10_fft_state_float32_t;
@@ -53,10 +57,6 @@ ne10_fft_cfg_float32_t ne10_fft_alloc_c2c_float32_neon(ne10_int32_t nfft);
 void ne10_fft_c2c_1d_float32_neon(ne10_fft_cpx_float32_t *fout, ne10_fft_cpx_float32_t *fin,
                                   ne10_fft_cfg_float32_t cfg, ne10_int32_t inverse_fft);
 void ne10_fft_destroy_c2c_float32(ne10_fft_cfg_float32_t cfg);
-
-#define SORN_NE10_HOST_LAYER 1
-void sorn_fft_c2c_inverse_unscaled(ne10_fft_cpx_float32_t *fout, ne10_fft_cpx_float32_t *fin,
-                                   ne10_fft_cfg_float32_t cfg);
 
 #ifdef __cplusplus
 }
