@@ -2,6 +2,8 @@
 // the framework calls it. "rtf" is processing time over audio time (lower is better),
 // "x_realtime" its inverse. BM_EffectPassThrough is a configured instance that is not enabled:
 // conversions, silence test and statistics only, the front end's own share of a call.
+// "heap_KiB" is the heap an instance holds once created, tuned, enabled and run (the C library
+// allocator's bytes in use, after less before).
 //
 // A/B in one run: with SORN_BENCH_BASELINE=/path/to/libsorn_hp_sfx_aw.so (another build of the
 // library, e.g. without a change under study), BM_EffectFloat/baseline runs the same benchmark
@@ -10,6 +12,7 @@
 // same machine load.
 #include <benchmark/benchmark.h>
 #include <dlfcn.h>
+#include <malloc.h>
 
 #include <cmath>
 #include <cstdio>
@@ -79,17 +82,25 @@ std::vector<T> tone_block() {
     return v;
 }
 
+// Bytes the C library's allocator has handed out and not taken back.
+size_t heap_in_use() {
+    const struct mallinfo2 mi = mallinfo2();
+    return mi.uordblks + mi.hblkhd;
+}
+
 template <typename T>
 void run(benchmark::State &state, audio_format_t format, bool enable,
          const audio_effect_library_t *lib = &AELI) {
+    std::vector<T> in = tone_block<T>(), out(in.size());
+    audio_buffer_t ib{kFrames, {in.data()}}, ob{kFrames, {out.data()}};
+    const size_t heap_before = heap_in_use();
     effect_handle_t h = make_effect(lib, format, enable);
     if (h == nullptr) {
         state.SkipWithError("effect setup failed");
         return;
     }
-    std::vector<T> in = tone_block<T>(), out(in.size());
-    audio_buffer_t ib{kFrames, {in.data()}}, ob{kFrames, {out.data()}};
     for (int warm = 0; warm < 20; ++warm) (*h)->process(h, &ib, &ob);  // past the cross-fade
+    state.counters["heap_KiB"] = static_cast<double>(heap_in_use() - heap_before) / 1024.0;
     for (auto _ : state) {
         (*h)->process(h, &ib, &ob);
         benchmark::DoNotOptimize(out.data());

@@ -14,7 +14,7 @@
 namespace {
 
 constexpr int kFftSize = 1024;
-constexpr int kFirOffset = 784;  // 1024 - 240; fir_set_sample_rate sets the rate's own offset
+constexpr int kFirOffset = 784;  // 1024 - 240; the rate class then sets its own
 constexpr int kLookaheadBlocks = 2;
 constexpr int kChainChannels = 2;  // the surround always works on a left and a right plane
 
@@ -27,24 +27,23 @@ SampleRateType rate_type_of(unsigned int sample_rate) {
     }
 }
 
-// A FIR record with every buffer fir_init promises, or null (with nothing left allocated).
-orla_fir_t* make_fir(SampleRateType rate_type) {
-    auto* fir = static_cast<orla_fir_t*>(std::calloc(1, sizeof(orla_fir_t)));
+// The stereo FIR filter with every buffer stereo_fir_init promises, or null (with nothing left
+// allocated).
+stereo_fir_t* make_fir(SampleRateType rate_type) {
+    auto* fir = static_cast<stereo_fir_t*>(std::calloc(1, sizeof(stereo_fir_t)));
     if (fir == nullptr) return nullptr;
-    fir_init(fir, kFftSize, kFirOffset);
-    if (fir->fft_cfg == nullptr || fir->param == nullptr || fir->history == nullptr ||
-        fir->filter_spec == nullptr || fir->time_buf == nullptr || fir->freq_buf == nullptr) {
-        fir_end(fir);
+    stereo_fir_init(fir, kFftSize, kFirOffset);
+    if (fir->fft_cfg == nullptr) {
         std::free(fir);
         return nullptr;
     }
-    fir_set_sample_rate(fir, rate_type);
+    stereo_fir_set_sample_rate(fir, rate_type);
     return fir;
 }
 
-void free_fir(orla_fir_t*& fir) {
+void free_fir(stereo_fir_t*& fir) {
     if (fir == nullptr) return;
-    fir_end(fir);
+    stereo_fir_end(fir);
     std::free(fir);
     fir = nullptr;
 }
@@ -77,8 +76,7 @@ void destroy(sorn_hp_effect_t* chain) {
     rms_limiter_deinit(chain->limiter);
     chain->limiter = nullptr;
     free_compressor(chain->compressor);
-    free_fir(chain->fir_l);
-    free_fir(chain->fir_r);
+    free_fir(chain->fir);
     stereo_surround_deinit(chain->surround);
     chain->surround = nullptr;
     std::free(chain);
@@ -97,14 +95,13 @@ void* sorn_hp_effect_init(unsigned int sample_rate, int chnnum) {
     chain->sample_rate = sample_rate;
     chain->sample_rate_type = rate_type_of(sample_rate);
 
-    chain->fir_l = make_fir(chain->sample_rate_type);
-    chain->fir_r = make_fir(chain->sample_rate_type);
+    chain->fir = make_fir(chain->sample_rate_type);
     chain->surround = stereo_surround_init(static_cast<int>(sample_rate), kChainChannels);
     chain->compressor = make_compressor(chain->sample_rate_type);
     chain->limiter = rms_limiter_init(static_cast<int>(sample_rate), chnnum);
 
     // The filters and the compressor carry the path; a missing surround or limiter is skipped.
-    if (chain->fir_l == nullptr || chain->fir_r == nullptr || chain->compressor == nullptr) {
+    if (chain->fir == nullptr || chain->compressor == nullptr) {
         destroy(chain);
         return nullptr;
     }
@@ -120,8 +117,7 @@ void sorn_hp_effect_end(void* handle) {
 void sorn_hp_effect_reset(void* handle) {
     auto* chain = static_cast<sorn_hp_effect_t*>(handle);
     if (chain == nullptr) return;
-    fir_reset(chain->fir_l);
-    fir_reset(chain->fir_r);
+    stereo_fir_reset(chain->fir);
     stereo_surround_reset(chain->surround);
     compressor_reset(chain->compressor);
     rms_limiter_reset(chain->limiter);
@@ -132,12 +128,8 @@ void sorn_hp_effect_frc_setparameter(void* handle, orla_earadapt_params_t* param
     if (chain == nullptr || params == nullptr) return;
     // Both filters switch together, and their spectra are always recomputed, so a filter never
     // runs on taps whose spectrum is stale. The update also clears the filters' history.
-    chain->fir_l->status = params->enable;
-    chain->fir_r->status = params->enable;
-    fir_set_param(chain->fir_l, ORLA_FIR_TAPS, params->coef_left);
-    fir_set_param(chain->fir_r, ORLA_FIR_TAPS, params->coef_right);
-    fir_update_param(chain->fir_l, ORLA_FIR_TAPS);
-    fir_update_param(chain->fir_r, ORLA_FIR_TAPS);
+    chain->fir->status = params->enable;
+    stereo_fir_set_taps(chain->fir, ORLA_FIR_TAPS, params->coef_left, params->coef_right);
 }
 
 void sorn_hp_effect_ss_setparameter(void* handle, int status, int frequency, int depth) {
@@ -150,8 +142,7 @@ void sorn_hp_effect_ss_setparameter(void* handle, int status, int frequency, int
 void sorn_hp_effect_core_process(void* handle, int* left, int* right, int frames) {
     auto* chain = static_cast<sorn_hp_effect_t*>(handle);
     if (chain == nullptr || left == nullptr || right == nullptr || frames < 1) return;
-    fir_process(chain->fir_l, left, left, frames);
-    fir_process(chain->fir_r, right, right, frames);
+    stereo_fir_process(chain->fir, left, right, frames);
     stereo_surround_process(chain->surround, left, right, frames);
     compressor_process(chain->compressor, left, right, left, right, frames);
     rms_limiter_process(chain->limiter, left, right, frames);

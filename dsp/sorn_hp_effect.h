@@ -1,7 +1,8 @@
 /*
  * Processing chain: one stereo instance of the signal path. Per block, in place on two int32
- * planes on the 24-bit scale (full scale +-2^23): FIR left, FIR right, stereo surround,
- * compressor, RMS limiter. Also the default FIR table (the design's taps for a flat 0 dB
+ * planes on the 24-bit scale (full scale +-2^23): the left and right FIR filters (one stereo
+ * stage, both channels through one pair of transforms), stereo surround, compressor, RMS
+ * limiter. Also the default FIR table (the design's taps for a flat 0 dB
  * target) and the operation that loads it into a FIR parameter record.
  *
  * A new chain has both FIR filters and the surround off, the compressor on at unity volume with
@@ -16,8 +17,8 @@
  *  - sorn_hp_effect_core_process allocates nothing, never logs, never blocks. `frames` must be
  *    the block length of the chain's rate class (220 at 44100 Hz, 240 at the other accepted
  *    rates); a null plane or frames below 1 leaves the planes and every block untouched.
- *  - sorn_hp_effect_frc_setparameter recomputes both filters' spectra (it allocates, on the
- *    command path) and clears their history; reset clears every block's signal history and
+ *  - sorn_hp_effect_frc_setparameter recomputes both filters' spectra (on the command path)
+ *    and clears their history; reset clears every block's signal history and
  *    keeps all settings.
  *  - Every operation but init and earadapt_params_fill_bypass accepts a null chain and then
  *    does nothing; the record given to frc_setparameter and fill_bypass must be valid.
@@ -29,6 +30,7 @@
 
 #include "dsp/compressor.h"
 #include "dsp/fir.h"
+#include "dsp/stereo_fir.h"
 #include "platform/sorn_export.h"
 
 SORN_EXTERN_C_BEGIN
@@ -39,8 +41,7 @@ extern const int32_t sorn_default_fir_table[ORLA_FIR_TAPS];
 typedef struct sorn_hp_effect_s {
     uint32_t sample_rate;             /* Hz, as given to init */
     SampleRateType sample_rate_type;  /* 0: 44100, 2: 96000, 3: 192000, 1: any other rate */
-    orla_fir_t *fir_l;                /* owned */
-    orla_fir_t *fir_r;                /* owned */
+    stereo_fir_t *fir;                /* the left and the right FIR filter, owned */
     void *surround;                   /* stereo surround handle, owned */
     compressor_t *compressor;         /* owned */
     void *limiter;                    /* RMS limiter handle, owned */
