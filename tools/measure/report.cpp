@@ -85,13 +85,13 @@ void finish_run(MeasuredRun &run) {
 std::vector<Figure> key_figures(const MeasuredRun &run) {
     const Measurements &m = run.m;
     std::vector<Figure> f;
-    f.push_back({"latency_frames", "latency (measured)", "frames", double(m.response.latency), ""});
+    f.push_back({"latency_frames", "latency (measured)", "frames", double(m.response.latency), "", 0});
     f.push_back({"latency_ms", "latency (measured)", "ms", 1000.0 * m.response.latency / m.rate, ""});
-    f.push_back({"response_flat_gain_db", "mid response vs design: flat gain", "dB", run.mid.flat_gain_db, ""});
+    f.push_back({"response_flat_gain_db", "mid response vs design: flat gain", "dB", run.mid.flat_gain_db, "", 4});
     f.push_back({"response_mid_deviation_db", "mid response vs design: largest departure", "dB",
-                 run.mid.max_deviation_db, "at " + num(run.mid.at_hz, 0) + " Hz"});
+                 run.mid.max_deviation_db, "at " + num(run.mid.at_hz, 0) + " Hz", 4});
     f.push_back({"response_side_deviation_db", "side vs design and surround: largest departure", "dB",
-                 run.side.max_deviation_db, "at " + num(run.side.at_hz, 0) + " Hz"});
+                 run.side.max_deviation_db, "at " + num(run.side.at_hz, 0) + " Hz", 4});
     // Level curve: the gain at low level, where it has fallen by 1 dB, and a few outputs.
     double low = 0;
     int n = 0;
@@ -111,20 +111,21 @@ std::vector<Figure> key_figures(const MeasuredRun &run) {
     f.push_back({"curve_longest_settle_s", "longest settling time", "s", longest, "at " + num(longest_at, 0) + " dBFS in"});
     int unsettled = 0;
     for (const ToneAnalysis &a : m.curve) unsettled += !a.settled;
-    f.push_back({"curve_unsettled_steps", "level steps that did not settle", "steps", double(unsettled), ""});
+    f.push_back({"curve_unsettled_steps", "level steps that did not settle", "steps", double(unsettled), "", 0});
     for (size_t i = 0; i < m.steps.size(); ++i) {
         const StepResult &s = m.steps[i];
         const std::string k = "step" + std::to_string(i + 1) + "_", name = s.test.name;
         f.push_back({k + "gain_change_db", name + ": gain change", "dB", s.gain_up_db - s.gain_before_db, ""});
-        f.push_back({k + "attack_63_ms", name + ": attack, 63 %", "ms", 1000 * s.attack_63_s, ""});
-        f.push_back({k + "attack_1db_ms", name + ": attack, to within 1 dB", "ms", 1000 * s.attack_1db_s, ""});
-        f.push_back({k + "release_63_ms", name + ": release, 63 %", "ms", 1000 * s.release_63_s, ""});
-        f.push_back({k + "release_1db_ms", name + ": release, to within 1 dB", "ms", 1000 * s.release_1db_s, ""});
+        f.push_back({k + "attack_63_ms", name + ": attack, 63 %", "ms", 1000 * s.attack_63_s, "", 0});
+        f.push_back({k + "attack_1db_ms", name + ": attack, to within 1 dB", "ms", 1000 * s.attack_1db_s, "", 0});
+        f.push_back({k + "release_63_ms", name + ": release, 63 %", "ms", 1000 * s.release_63_s, "", 0});
+        f.push_back({k + "release_1db_ms", name + ": release, to within 1 dB", "ms", 1000 * s.release_1db_s, "", 0});
     }
+    const std::string tone = m.curve.empty() ? std::string() : ", " + num(m.curve[0].freq_hz, 0) + " Hz";
     for (double in : {-20.0, 0.0}) {
-        f.push_back({"thdn_db_at_" + num(-in, 0), "THD+N, 1 kHz at " + num(in, 0) + " dBFS", "dB",
+        f.push_back({"thdn_db_at_" + num(-in, 0), "THD+N at " + num(in, 0) + " dBFS" + tone, "dB",
                      value_at(m.curve, in, &ToneAnalysis::thdn_db), ""});
-        f.push_back({"thd_db_at_" + num(-in, 0), "THD, 1 kHz at " + num(in, 0) + " dBFS", "dB",
+        f.push_back({"thd_db_at_" + num(-in, 0), "THD at " + num(in, 0) + " dBFS" + tone, "dB",
                      value_at(m.curve, in, &ToneAnalysis::thd_db), ""});
     }
     double worst = -INFINITY, worst_at = NAN;
@@ -138,7 +139,7 @@ std::vector<Figure> key_figures(const MeasuredRun &run) {
                      d.dynamic_range_db, ""});
     f.push_back({"silence_start_peak_dbfs", "output for digital silence (peak)", "dBFS", m.silence.start_peak_dbfs, ""});
     f.push_back({"silence_zero_after_ms", "after a tone stops: output digital zero after", "ms",
-                 1000 * m.silence.zero_after_s, ""});
+                 1000 * m.silence.zero_after_s, "", 1});
     f.push_back({"silence_idle_rms_dbfs", "idle output, last second of silence (RMS)", "dBFS",
                  m.silence.idle_rms_dbfs, ""});
     return f;
@@ -159,10 +160,11 @@ std::string figures_text(const std::vector<MeasuredRun> &runs) {
         const std::string label = a.label + " (" + a.unit + ")";
         if (runs.size() > 1) {
             const Figure &b = figs[1][i];
-            std::snprintf(line, sizeof line, "  %-52s %12s %12s %10s\n", label.c_str(), num(a.value).c_str(),
-                          num(b.value).c_str(), num(b.value - a.value).c_str());
+            std::snprintf(line, sizeof line, "  %-52s %12s %12s %10s\n", label.c_str(), num(a.value, a.decimals).c_str(),
+                          num(b.value, a.decimals).c_str(), num(b.value - a.value, a.decimals).c_str());
         } else {
-            std::snprintf(line, sizeof line, "  %-52s %10s %s\n", label.c_str(), num(a.value).c_str(), a.where.c_str());
+            std::snprintf(line, sizeof line, "  %-52s %10s %s\n", label.c_str(), num(a.value, a.decimals).c_str(),
+                          a.where.c_str());
         }
         o << line;
     }
@@ -180,6 +182,11 @@ nlohmann::json tones_json(const std::vector<ToneAnalysis> &v) {
                      {"thdn_db", finite(t.thdn_db)}, {"thd_db", finite(t.thd_db)}, {"settle_s", t.settle_s},
                      {"settled", t.settled}});
     return a;
+}
+
+/* The test tone as analysed: on the analysis window's grid. */
+std::string tone_name(const MeasureSettings &s, int rate) {
+    return num(coherent_frequency(s.tone_hz, rate, std::llround(s.analysis_s * rate)), 0) + " Hz";
 }
 
 std::string conditions_line(const ReportConditions &c) {
@@ -220,7 +227,7 @@ bool write_measurements_json(const std::string &path, const ReportConditions &c,
                                   {"at_hz", r.side.at_hz}}},
             {"latency", {{"frames", rr.latency}, {"ms", 1000.0 * rr.latency / m.rate},
                          {"method", "peak of the mid impulse response (inverse FFT of the measured transfer function)"}}}};
-        run["level_curve"] = {{"conditions", num(s.tone_hz, 0) + " Hz tone, both channels, " + num(s.curve_from_dbfs, 0) +
+        run["level_curve"] = {{"conditions", tone_name(s, c.rate) + " tone, both channels, " + num(s.curve_from_dbfs, 0) +
                                                  " to " + num(s.curve_to_dbfs, 0) + " dBFS in " + num(s.curve_step_db, 0) +
                                                  " dB steps, each analysed once settled (" + num(s.settle_tolerance_db) +
                                                  " dB over " + num(s.settle_window_s, 1) + " s); settle time to within " +
@@ -241,18 +248,18 @@ bool write_measurements_json(const std::string &path, const ReportConditions &c,
                              {"attack_1db_s", finite(st.attack_1db_s)}, {"release_63_s", finite(st.release_63_s)},
                              {"release_1db_s", finite(st.release_1db_s)}, {"up_settled", st.up_settled},
                              {"down_settled", st.down_settled}});
-        run["attack_release"] = {{"conditions", num(s.tone_hz, 0) + " Hz tone stepping up by 24 dB and back; gain from "
+        run["attack_release"] = {{"conditions", tone_name(s, c.rate) + " tone stepping up by 24 dB and back; gain from "
                                                   "2-cycle windows every 1 ms, latency removed; times from the step"},
                                  {"steps", steps}};
         json dr = json::array();
         for (const DynamicRange &d : m.dynamic_range)
             dr.push_back({{"format", sample_format_name(d.format)}, {"thdn_db", finite(d.tone.thdn_db)},
                           {"dynamic_range_db", finite(d.dynamic_range_db)}, {"out_dbfs", finite(d.tone.out_dbfs)}});
-        run["dynamic_range"] = {{"conditions", "AES17: THD+N of a -60 dBFS 1 kHz tone, negated, plus 60 dB; unweighted, "
+        run["dynamic_range"] = {{"conditions", "AES17: THD+N of a -60 dBFS " + tone_name(s, c.rate) + " tone, negated, plus 60 dB; unweighted, "
                                                "20 Hz - 20 kHz; each stream format in its own instance"},
                                 {"unit", "dB"}, {"formats", dr}};
         const SilenceResult &si = m.silence;
-        run["silence"] = {{"conditions", "1 s of digital silence from the start; then a -20 dBFS 1 kHz tone for " +
+        run["silence"] = {{"conditions", "1 s of digital silence from the start; then a -20 dBFS " + tone_name(s, c.rate) + " tone for " +
                                              num(s.silence_tone_s, 1) + " s followed by " + num(s.silence_after_s, 1) +
                                              " s of digital silence"},
                           {"start_peak_dbfs", finite(si.start_peak_dbfs)}, {"zero_after_s", finite(si.zero_after_s)},
@@ -330,8 +337,8 @@ bool write_report_html(const std::string &path, const ReportConditions &c, const
       << html_escape(runs[0].name) << "</title>\n<style>"
       << "body{font-family:sans-serif;margin:24px auto;max-width:1140px;color:#222}"
       << "h1{font-size:22px;margin:0 0 6px}h2{font-size:17px;margin:26px 0 4px;border-top:1px solid #ccc;padding-top:10px}"
-      << "p.cond{margin:2px 0 6px;color:#444;font-size:13px}table{border-collapse:collapse;font-size:13px}"
-      << "td,th{border:1px solid #ccc;padding:2px 8px;text-align:left}td.n{text-align:right;font-variant-numeric:tabular-nums}"
+      << "p.cond{margin:2px 0 6px;color:#444;font-size:13px}table{border-collapse:collapse;font-size:12px}"
+      << "td,th{border:1px solid #ccc;padding:1px 6px;text-align:left}td.n{text-align:right;font-variant-numeric:tabular-nums}.figs{display:flex;gap:14px;align-items:flex-start}"
       << ".plot svg{max-width:100%;height:auto}dl{display:grid;grid-template-columns:max-content auto;gap:1px 14px;font-size:13px;margin:6px 0}"
       << "dt{color:#555}dd{margin:0}</style></head><body>\n";
     h << "<h1>sorn-hp measure: what " << html_escape(c.effect) << " does to sound</h1>\n<dl>";
@@ -347,16 +354,22 @@ bool write_report_html(const std::string &path, const ReportConditions &c, const
     // Key figures (with a second run: both and the difference).
     std::vector<std::vector<Figure>> figs;
     for (const MeasuredRun &r : runs) figs.push_back(key_figures(r));
-    h << "<h2>Key figures</h2><table><tr><th>figure</th><th>unit</th>";
-    for (const MeasuredRun &r : runs) h << "<th>" << html_escape(two ? r.name : "value") << "</th>";
-    h << (two ? "<th>B - A</th>" : "<th>where</th>") << "</tr>\n";
-    for (size_t i = 0; i < figs[0].size(); ++i) {
-        h << "<tr><td>" << html_escape(figs[0][i].label) << "</td><td>" << html_escape(figs[0][i].unit) << "</td>";
-        for (const auto &f : figs) h << "<td class='n'>" << num(f[i].value) << "</td>";
-        h << "<td class='n'>" << html_escape(two ? num(figs[1][i].value - figs[0][i].value) : figs[0][i].where)
-          << "</td></tr>\n";
+    h << "<h2>Key figures</h2><div class='figs'>";
+    const size_t half = (figs[0].size() + 1) / 2;
+    for (size_t from : {size_t(0), half}) {
+        h << "<table><tr><th>figure</th><th>unit</th>";
+        for (const MeasuredRun &r : runs) h << "<th>" << html_escape(two ? r.name : "value") << "</th>";
+        h << (two ? "<th>B - A</th>" : "<th></th>") << "</tr>\n";
+        for (size_t i = from; i < std::min(figs[0].size(), from + half); ++i) {
+            const int d = figs[0][i].decimals;
+            h << "<tr><td>" << html_escape(figs[0][i].label) << "</td><td>" << html_escape(figs[0][i].unit) << "</td>";
+            for (const auto &f : figs) h << "<td class='n'>" << num(f[i].value, d) << "</td>";
+            h << "<td class='n'>" << html_escape(two ? num(figs[1][i].value - figs[0][i].value, d) : figs[0][i].where)
+              << "</td></tr>\n";
+        }
+        h << "</table>";
     }
-    h << "</table>\n";
+    h << "</div>\n";
 
     // Response.
     {
@@ -384,9 +397,9 @@ bool write_report_html(const std::string &path, const ReportConditions &c, const
                   "Periodic multisine on every bin of a " + std::to_string(s.response_period) + "-sample period, " +
                       num(s.response_rms_dbfs, 0) + " dBFS RMS per channel (the dynamics hold still), " +
                       conditions_line(c) + ". Mid agrees with the design's achieved response within " +
-                      num(a.mid.max_deviation_db, 3) + " dB after a flat gain of " + num(a.mid.flat_gain_db, 3) +
+                      num(a.mid.max_deviation_db, 4) + " dB after a flat gain of " + num(a.mid.flat_gain_db, 4) +
                       " dB (20 Hz to " + num(std::min(20000.0, 0.42 * c.rate), 0) + " Hz); the side differs by the stereo surround's lift (" +
-                      a.surround + "), matched within " + num(a.side.max_deviation_db, 3) + " dB.",
+                      a.surround + "), matched within " + num(a.side.max_deviation_db, 4) + " dB.",
                   sc.str() + plot + "\n");
         std::ostringstream dc;
         dc << axis_hz(20, 20000) << "set ylabel 'Departure (dB)'\nset yrange [-0.3:0.3]\nset key top left opaque box\n";
@@ -447,11 +460,11 @@ bool write_report_html(const std::string &path, const ReportConditions &c, const
             sc << block(b, {&in, &out});
             st << block(b, {&in, &settle});
             plot += ", $" + b + " using 1:2 with linespoints pt 7 ps 0.5 lw 2 lc rgb '" + kColors[i][0] + "' title " +
-                    gp_string(tag + "output at 1 kHz");
+                    gp_string(tag + "output level of the tone");
             plot2 += std::string(i ? ", " : "") + "$" + b + " using 1:2 with impulses lw 3 lc rgb '" + kColors[i][1] +
                      "' title " + gp_string(tag + "time to settle within " + num(s.settled_within_db) + " dB");
         }
-        const std::string cond = num(s.tone_hz, 0) + " Hz tone in both channels, " + num(s.curve_from_dbfs, 0) + " to " +
+        const std::string cond = tone_name(s, c.rate) + " tone in both channels, " + num(s.curve_from_dbfs, 0) + " to " +
                                  num(s.curve_to_dbfs, 0) + " dBFS in " + num(s.curve_step_db, 0) +
                                  " dB steps, one continuous stream; each step analysed once its output moved less than " +
                                  num(s.settle_tolerance_db) + " dB over " + num(s.settle_window_s, 1) + " s (at most " +
@@ -467,7 +480,7 @@ bool write_report_html(const std::string &path, const ReportConditions &c, const
     for (size_t k = 0; k < runs[0].m.steps.size(); ++k) {
         const StepResult &a = runs[0].m.steps[k];
         std::ostringstream sc;
-        sc << "set xlabel 'Time from the step up (s)'\nset ylabel 'Gain (dB)'\nset grid\nset key bottom right opaque box\n"
+        sc << "set xlabel 'Time from the step up (s)'\nset ylabel 'Gain (dB)'\nset grid\nset key below\n"
            << "set xrange [-0.1:" << a.test.up_s + a.test.down_s << "]\n"
            << "set arrow from " << a.test.up_s << ", graph 0 to " << a.test.up_s << ", graph 1 nohead dt 2 lc rgb '#999999'\n";
         std::string plot = "plot ";
@@ -480,7 +493,7 @@ bool write_report_html(const std::string &path, const ReportConditions &c, const
                     "' title " + gp_string((two ? runs[i].name + ": " : "") + "gain, output against input");
         }
         pg.figure("Attack and release: " + a.test.name,
-                  num(s.tone_hz, 0) + " Hz tone at " + num(a.test.low_dbfs, 0) + " dBFS for " + num(a.test.before_s, 1) +
+                  tone_name(s, c.rate) + " tone at " + num(a.test.low_dbfs, 0) + " dBFS for " + num(a.test.before_s, 1) +
                       " s, " + num(a.test.high_dbfs, 0) + " dBFS for " + num(a.test.up_s, 2) + " s, then " +
                       num(a.test.low_dbfs, 0) + " dBFS for " + num(a.test.down_s, 2) +
                       " s; gain from 2-cycle windows every 1 ms, latency removed. Attack: 63 % in " +
@@ -494,7 +507,7 @@ bool write_report_html(const std::string &path, const ReportConditions &c, const
     // THD+N and THD.
     {
         std::ostringstream sc;
-        sc << "set xlabel 'Input level (dBFS)'\nset ylabel 'Ratio to the signal (dB)'\nset grid\nset key top right opaque box\n"
+        sc << "set xlabel 'Input level (dBFS)'\nset ylabel 'Ratio to the signal (dB)'\nset grid\nset key below\n"
            << "set xrange [" << s.thd_from_dbfs << ":" << s.curve_to_dbfs << "]\n";
         std::string plot = "plot ";
         for (size_t i = 0; i < runs.size(); ++i) {
@@ -509,12 +522,12 @@ bool write_report_html(const std::string &path, const ReportConditions &c, const
                     gp_string(tag + "THD (harmonics 2-10)");
         }
         pg.figure("THD+N and THD against level",
-                  num(s.tone_hz, 0) + " Hz tone, the level curve's steps from " + num(s.thd_from_dbfs, 0) +
+                  tone_name(s, c.rate) + " tone, the level curve's steps from " + num(s.thd_from_dbfs, 0) +
                       " dBFS up, each once settled; AES17: 20 Hz - 20 kHz, fundamental removed, " + num(s.analysis_s, 1) +
                       " s with a whole number of cycles; " + conditions_line(c) + ".",
                   sc.str() + plot + "\n", 360);
         std::ostringstream sf;
-        sf << axis_hz(18, 22000) << "set ylabel 'Ratio to the signal (dB)'\nset key top right opaque box\n";
+        sf << axis_hz(18, 22000) << "set ylabel 'Ratio to the signal (dB)'\nset key below\n";
         plot = "plot ";
         for (size_t i = 0; i < runs.size(); ++i) {
             std::vector<double> f, thdn, thd;
@@ -536,7 +549,7 @@ bool write_report_html(const std::string &path, const ReportConditions &c, const
     // Dynamic range.
     {
         std::ostringstream sc;
-        sc << axis_hz(20, 20000) << "set ylabel 'Level per FFT bin (dBFS)'\nset yrange [-200:-40]\nset key top right opaque box\n";
+        sc << axis_hz(20, 20000) << "set ylabel 'Level per FFT bin (dBFS)'\nset yrange [-200:-40]\nset key below\n";
         std::string plot = "plot ", said;
         int line = 0;
         for (size_t i = 0; i < runs.size(); ++i)
@@ -552,7 +565,7 @@ bool write_report_html(const std::string &path, const ReportConditions &c, const
                 if (i == 0) said += std::string(said.empty() ? "" : ", ") + sample_format_name(d.format) + " " + num(d.dynamic_range_db, 1) + " dB";
             }
         pg.figure("Dynamic range per stream format",
-                  "AES17: THD+N of a -60 dBFS 1 kHz tone, negated, plus 60 dB (unweighted, 20 Hz - 20 kHz); each format "
+                  "AES17: THD+N of a -60 dBFS " + tone_name(s, c.rate) + " tone, negated, plus 60 dB (unweighted, 20 Hz - 20 kHz); each format "
                   "in its own instance, the tone converted into the stream as a device converts float. Spectra: the "
                   "largest FFT bin (5 Hz bins) in each of 400 bands. " + said + ".",
                   sc.str() + plot + "\n", 380);
@@ -573,7 +586,7 @@ bool write_report_html(const std::string &path, const ReportConditions &c, const
         }
         pg.figure("Silence and idle noise",
                   "1 s of digital silence from the start: output peak " + num(a.start_peak_dbfs, 1) +
-                      " dBFS. Then a -20 dBFS 1 kHz tone for " + num(s.silence_tone_s, 1) + " s and " +
+                      " dBFS. Then a -20 dBFS " + tone_name(s, c.rate) + " tone for " + num(s.silence_tone_s, 1) + " s and " +
                       num(s.silence_after_s, 1) + " s of digital silence: output digital zero " +
                       (std::isnan(a.zero_after_s) ? std::string("never within the test")
                                                   : "after " + num(1000 * a.zero_after_s, 1) + " ms") +

@@ -42,6 +42,7 @@ struct Figure {
     std::string key, label, unit;
     double value = 0;
     std::string where; /* e.g. "at 125 Hz", empty when nothing to add */
+    int decimals = 2;
 };
 /* The figures a reader looks for first: latency, response agreement, level curve summary,
    attack and release, THD+N, dynamic range, silence. */
