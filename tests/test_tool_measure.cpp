@@ -140,7 +140,7 @@ TEST(MeasureKnown, ResponseAndLatency) {
         double audio = 0;
         std::string error;
         ASSERT_TRUE(measure_response(c.make, MeasureSettings{}, r, audio, error)) << error;
-        EXPECT_EQ(c.latency, r.latency);
+        EXPECT_TRUE(c.latency == r.latency && c.latency == r.onset) << r.latency << " " << r.onset;
         ASSERT_GT(r.freq_hz.size(), 200u);
         EXPECT_NEAR(20.0, r.freq_hz.front(), 2.0);
         double worst = 0;
@@ -302,7 +302,8 @@ TEST(MeasureEffect, DrivenAsRunDrivesIt) {
     double audio = 0;
     ASSERT_TRUE(measure_response(make, MeasureSettings{}, r, audio, error)) << error;
     EXPECT_TRUE(status.processing);
-    EXPECT_NEAR(719, r.latency, 2);
+    EXPECT_EQ(719, r.onset);  // the framing and the look-ahead; the filter's peak follows a tap later
+    EXPECT_EQ(720, r.latency);
     double worst = 0;
     for (size_t i = 0; i < r.freq_hz.size(); ++i)
         if (r.freq_hz[i] < 16000)

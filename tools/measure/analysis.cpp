@@ -40,7 +40,7 @@ bool settle_and_analyse(System &sys, Tone &t, const MeasureSettings &s, int late
                         double &audio_s, std::string &error, std::vector<double> *spectrum_db = nullptr) {
     const int rate = sys.rate;
     const int64_t piece = whole(std::max<int64_t>(1, std::llround(0.01 * rate)), sys.block);
-    const auto window = static_cast<size_t>(std::max(1.0, std::ceil(s.settle_window_s * rate / piece)));
+    const auto window = static_cast<size_t>(std::max(2.0, std::ceil(s.settle_window_s * rate / piece)));
     const auto most = static_cast<size_t>(std::max(double(window), std::ceil(s.settle_max_s * rate / piece)));
     std::vector<double> levels;
     std::vector<float> in, out;
@@ -51,15 +51,22 @@ bool settle_and_analyse(System &sys, Tone &t, const MeasureSettings &s, int late
         if (!feed(sys, in, out, audio_s, error)) return false;
         levels.push_back(finite_db(amplitude_to_db(tone_amplitude(out.data(), piece, 2, t.freq_hz, rate))));
         if (levels.size() >= window) {
-            const auto [lo, hi] = std::minmax_element(levels.end() - static_cast<long>(window), levels.end());
-            settled = *hi - *lo <= s.settle_tolerance_db;
+            // The mean of the window's second half against its first: noise averages out, drift does not.
+            const auto mid = levels.end() - static_cast<long>(window / 2), from = levels.end() - static_cast<long>(window);
+            const double first = std::accumulate(from, mid, 0.0) / double(mid - from),
+                         second = std::accumulate(mid, levels.end(), 0.0) / double(levels.end() - mid);
+            settled = std::fabs(second - first) <= s.settle_tolerance_db;
         }
     }
     const size_t tail = std::min(window, levels.size());
-    const double final_db = std::accumulate(levels.end() - static_cast<long>(tail), levels.end(), 0.0) / double(tail);
+    double final_db = 0, spread = 0;
+    for (size_t i = levels.size() - tail; i < levels.size(); ++i) final_db += levels[i] / double(tail);
+    for (size_t i = levels.size() - tail; i < levels.size(); ++i) spread += std::pow(levels[i] - final_db, 2) / double(tail);
+    // Within the stated margin, or three times the level's own noise when that is larger.
+    const double within = std::max(s.settled_within_db, 3.0 * std::sqrt(spread));
     size_t after = 0;
     for (size_t i = levels.size(); i-- > 0;)
-        if (std::fabs(levels[i] - final_db) > s.settled_within_db) {
+        if (std::fabs(levels[i] - final_db) > within) {
             after = i + 1;
             break;
         }
@@ -234,6 +241,12 @@ bool measure_response(const SystemFactory &make, const MeasureSettings &s, Respo
     r.latency = static_cast<int>(std::max_element(h.begin(), h.end(), [](double a, double b) {
                                      return std::fabs(a) < std::fabs(b);
                                  }) - h.begin());
+    r.onset = r.latency;
+    for (int n = 0; n < r.latency; ++n)
+        if (std::fabs(h[static_cast<size_t>(n)]) >= 0.1 * std::fabs(h[static_cast<size_t>(r.latency)])) {
+            r.onset = n;
+            break;
+        }
     for (int i = -32; i < 480; ++i) {
         const int n = ((r.latency + i) % P + P) % P;
         r.impulse_ms.push_back(1000.0 * (r.latency + i) / rate);

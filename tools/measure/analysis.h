@@ -13,9 +13,11 @@
  * Dynamic range is the THD+N of a -60 dBFS 1 kHz tone, negated, plus 60 dB.
  *
  * Settling: a tone's output level (least squares at its frequency, over 10 ms pieces) counts as
- * settled when it has moved by no more than `settle_tolerance_db` over the last
- * `settle_window_s`; the settle time is when it last left `settled_within_db` of that final
- * level, counted from when the change reaches the output (the measured latency taken off).
+ * settled when the mean of the last `settle_window_s`'s second half differs from that of its
+ * first half by no more than `settle_tolerance_db` (noise averages out, drift does not); the
+ * settle time is when it last left that window's mean by more than `settled_within_db` (or three
+ * times the level's own spread there, when the stream's noise is larger), counted from when the
+ * change reaches the output (the measured latency taken off).
  *
  * Measurement costs audio time, not wall time: everything runs as fast as the system does.
  */
@@ -92,6 +94,7 @@ struct ResponseResult {
     std::vector<double> freq_hz; /* bins of the multisine's period on a log grid, 20 Hz - 20 kHz */
     std::vector<double> left_db, right_db, mid_db, side_db;
     int latency = 0;              /* frames: the peak of the mid impulse response */
+    int onset = 0;                /* frames: its first sample of a tenth of the peak or more */
     std::vector<double> impulse_ms, impulse; /* the mid impulse response around its peak */
 };
 

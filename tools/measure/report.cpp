@@ -87,6 +87,7 @@ std::vector<Figure> key_figures(const MeasuredRun &run) {
     std::vector<Figure> f;
     f.push_back({"latency_frames", "latency (measured)", "frames", double(m.response.latency), "", 0});
     f.push_back({"latency_ms", "latency (measured)", "ms", 1000.0 * m.response.latency / m.rate, ""});
+    f.push_back({"latency_onset_frames", "impulse response onset", "frames", double(m.response.onset), "", 0});
     f.push_back({"response_flat_gain_db", "mid response vs design: flat gain", "dB", run.mid.flat_gain_db, "", 4});
     f.push_back({"response_mid_deviation_db", "mid response vs design: largest departure", "dB",
                  run.mid.max_deviation_db, "at " + num(run.mid.at_hz, 0) + " Hz", 4});
@@ -225,7 +226,7 @@ bool write_measurements_json(const std::string &path, const ReportConditions &c,
                                {"at_hz", r.mid.at_hz}}},
             {"side_vs_expected", {{"flat_gain_db", r.side.flat_gain_db}, {"largest_departure_db", r.side.max_deviation_db},
                                   {"at_hz", r.side.at_hz}}},
-            {"latency", {{"frames", rr.latency}, {"ms", 1000.0 * rr.latency / m.rate},
+            {"latency", {{"frames", rr.latency}, {"ms", 1000.0 * rr.latency / m.rate}, {"onset_frames", rr.onset},
                          {"method", "peak of the mid impulse response (inverse FFT of the measured transfer function)"}}}};
         run["level_curve"] = {{"conditions", tone_name(s, c.rate) + " tone, both channels, " + num(s.curve_from_dbfs, 0) +
                                                  " to " + num(s.curve_to_dbfs, 0) + " dBFS in " + num(s.curve_step_db, 0) +
@@ -440,7 +441,8 @@ bool write_report_html(const std::string &path, const ReportConditions &c, const
         pg.figure("Latency",
                   "The mid impulse response (inverse FFT of the measured transfer function), before any compensation: "
                   "its peak is the latency, " + std::to_string(runs[0].m.response.latency) + " frames (" +
-                      num(1000.0 * runs[0].m.response.latency / c.rate, 2) + " ms at " + std::to_string(c.rate) + " Hz).",
+                      num(1000.0 * runs[0].m.response.latency / c.rate, 2) + " ms at " + std::to_string(c.rate) +
+                      " Hz); it starts (a tenth of the peak) at " + std::to_string(runs[0].m.response.onset) + " frames.",
                   sc.str() + plot + "\n", 330);
         pg.end_section();
     }
