@@ -9,10 +9,10 @@
 #include <functional>
 #include <memory>
 
-#include "tools/builtin_tuning.h"
+#include "tools/files/builtin_tuning.h"
 #include "tools/measure/analysis.h"
 #include "tools/measure/effect_system.h"
-#include "tools/tuning.h"
+#include "tools/files/tuning.h"
 
 namespace {
 

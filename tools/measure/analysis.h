@@ -29,7 +29,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/audio_file.h"
+#include "tools/files/audio_file.h"
 #include "tools/measure/signals.h"
 
 namespace sorn_tool {

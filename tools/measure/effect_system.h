@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/effect_run.h"
+#include "tools/host/effect_run.h"
 #include "tools/measure/analysis.h"
 
 namespace sorn_tool {

@@ -10,7 +10,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "tools/response_plot.h"
+#include "tools/plot/response_plot.h"
 
 namespace sorn_tool {
 
