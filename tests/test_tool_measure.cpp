@@ -212,6 +212,7 @@ TEST(MeasureKnown, ToneLevelAndDistortion) {
 // 5 ms x ln(3 / 0.05) to within 0.05 dB, measured in 10 ms pieces), and its THD staying low.
 TEST(MeasureKnown, LevelCurveAndSettling) {
     MeasureSettings s = quick();
+    s.settle_window_s = 0.2;
     s.curve_from_dbfs = -40, s.curve_to_dbfs = 0, s.curve_step_db = 4;
     std::vector<ToneAnalysis> out;
     double audio = 0;

@@ -35,6 +35,16 @@ bool fresh(const SystemFactory &make, SampleFormat format, System &sys, std::str
 /* Levels are compared as numbers: silence counts as -400 dB. */
 double finite_db(double db) { return std::isfinite(db) ? db : -400.0; }
 
+/* The noise of the last `n` piece levels, from the median of their successive differences (a
+   transient or a slow drift moves few of them): the standard deviation of one level. */
+double level_noise(const std::vector<double> &levels, size_t n) {
+    std::vector<double> d;
+    for (size_t i = levels.size() - n + 1; i < levels.size(); ++i) d.push_back(std::fabs(levels[i] - levels[i - 1]));
+    if (d.empty()) return 0.0;
+    std::nth_element(d.begin(), d.begin() + static_cast<long>(d.size() / 2), d.end());
+    return d[d.size() / 2] / (0.6745 * std::sqrt(2.0));
+}
+
 /* Feeds `t` until its output settles, then analyses the next analysis_s of output. */
 bool settle_and_analyse(System &sys, Tone &t, const MeasureSettings &s, int latency, ToneAnalysis &a,
                         double &audio_s, std::string &error, std::vector<double> *spectrum_db = nullptr) {
@@ -51,19 +61,20 @@ bool settle_and_analyse(System &sys, Tone &t, const MeasureSettings &s, int late
         if (!feed(sys, in, out, audio_s, error)) return false;
         levels.push_back(finite_db(amplitude_to_db(tone_amplitude(out.data(), piece, 2, t.freq_hz, rate))));
         if (levels.size() >= window) {
-            // The mean of the window's second half against its first: noise averages out, drift does not.
+            // The mean of the window's second half against its first: noise averages out, drift does
+            // not. The margin grows to three standard deviations of that difference when the level's
+            // own noise (from successive pieces, which slow drift hardly moves) is that large.
             const auto mid = levels.end() - static_cast<long>(window / 2), from = levels.end() - static_cast<long>(window);
             const double first = std::accumulate(from, mid, 0.0) / double(mid - from),
                          second = std::accumulate(mid, levels.end(), 0.0) / double(levels.end() - mid);
-            settled = std::fabs(second - first) <= s.settle_tolerance_db;
+            const double noise = level_noise(levels, window);
+            settled = std::fabs(second - first) <= std::max(s.settle_tolerance_db, 6.0 * noise / std::sqrt(double(window)));
         }
     }
     const size_t tail = std::min(window, levels.size());
-    double final_db = 0, spread = 0;
-    for (size_t i = levels.size() - tail; i < levels.size(); ++i) final_db += levels[i] / double(tail);
-    for (size_t i = levels.size() - tail; i < levels.size(); ++i) spread += std::pow(levels[i] - final_db, 2) / double(tail);
+    const double final_db = std::accumulate(levels.end() - static_cast<long>(tail), levels.end(), 0.0) / double(tail);
     // Within the stated margin, or three times the level's own noise when that is larger.
-    const double within = std::max(s.settled_within_db, 3.0 * std::sqrt(spread));
+    const double within = std::max(s.settled_within_db, 3.0 * level_noise(levels, tail));
     size_t after = 0;
     for (size_t i = levels.size(); i-- > 0;)
         if (std::fabs(levels[i] - final_db) > within) {

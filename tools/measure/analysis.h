@@ -14,7 +14,8 @@
  *
  * Settling: a tone's output level (least squares at its frequency, over 10 ms pieces) counts as
  * settled when the mean of the last `settle_window_s`'s second half differs from that of its
- * first half by no more than `settle_tolerance_db` (noise averages out, drift does not); the
+ * first half by no more than `settle_tolerance_db`, or three standard deviations of that
+ * difference when the stream's noise makes them larger (noise averages out, drift does not); the
  * settle time is when it last left that window's mean by more than `settled_within_db` (or three
  * times the level's own spread there, when the stream's noise is larger), counted from when the
  * change reaches the output (the measured latency taken off).
@@ -62,7 +63,7 @@ struct MeasureSettings {
     double thd_from_dbfs = -60;          /* the level curve's steps from here up are analysed for THD */
     double sweep_level_dbfs = -20;
     std::vector<double> sweep_hz;        /* empty: third-octave centres from 20 Hz to 20 kHz */
-    double settle_window_s = 1.0, settle_tolerance_db = 0.02, settled_within_db = 0.05, settle_max_s = 20.0;
+    double settle_window_s = 1.0, settle_tolerance_db = 0.01, settled_within_db = 0.05, settle_max_s = 20.0;
     double analysis_s = 0.2;
     std::vector<StepTest> steps;         /* empty: the two defaults of default_steps() */
     double silence_tone_s = 1.0, silence_after_s = 4.0;
