@@ -299,6 +299,19 @@ std::string axis_hz(double lo, double hi) {
     return o.str();
 }
 
+/* The data of one run's THD+N and THD against `x`, and its two plot lines. */
+std::string thd_lines(std::ostringstream &script, const std::string &prefix, size_t i, const std::string &tag,
+                      const std::vector<ToneAnalysis> &tones, double ToneAnalysis::*x, const std::string &band) {
+    std::vector<double> xs, thdn, thd;
+    for (const ToneAnalysis &a : tones) xs.push_back(a.*x), thdn.push_back(a.thdn_db), thd.push_back(a.thd_db);
+    const std::string b = prefix + std::to_string(i);
+    script << block(b, {&xs, &thdn, &thd});
+    return std::string(i ? ", " : "") + "$" + b + " using 1:2 with linespoints pt 7 ps 0.5 lw 2 lc rgb '" +
+           kColors[i][0] + "' title " + gp_string(tag + "THD+N") + ", $" + b +
+           " using 1:3 with linespoints pt 5 ps 0.5 lw 2 lc rgb '" + kColors[i][1] + "' title " +
+           gp_string(tag + "THD (harmonics 2-10" + band + ")");
+}
+
 struct Page {
     std::ostringstream html;
     std::string gnuplot;
@@ -513,15 +526,10 @@ bool write_report_html(const std::string &path, const ReportConditions &c, const
            << "set xrange [" << s.thd_from_dbfs << ":" << s.curve_to_dbfs << "]\n";
         std::string plot = "plot ";
         for (size_t i = 0; i < runs.size(); ++i) {
-            std::vector<double> in, thdn, thd;
+            std::vector<ToneAnalysis> shown;
             for (const ToneAnalysis &a : runs[i].m.curve)
-                if (a.in_dbfs >= s.thd_from_dbfs - 1e-9) in.push_back(a.in_dbfs), thdn.push_back(a.thdn_db), thd.push_back(a.thd_db);
-            const std::string b = "t" + std::to_string(i), tag = two ? runs[i].name + ": " : "";
-            sc << block(b, {&in, &thdn, &thd});
-            plot += std::string(i ? ", " : "") + "$" + b + " using 1:2 with linespoints pt 7 ps 0.5 lw 2 lc rgb '" +
-                    kColors[i][0] + "' title " + gp_string(tag + "THD+N") + ", $" + b +
-                    " using 1:3 with linespoints pt 5 ps 0.5 lw 2 lc rgb '" + kColors[i][1] + "' title " +
-                    gp_string(tag + "THD (harmonics 2-10)");
+                if (a.in_dbfs >= s.thd_from_dbfs - 1e-9) shown.push_back(a);
+            plot += thd_lines(sc, "t", i, two ? runs[i].name + ": " : "", shown, &ToneAnalysis::in_dbfs, "");
         }
         pg.figure("THD+N and THD against level",
                   tone_name(s, c.rate) + " tone, the level curve's steps from " + num(s.thd_from_dbfs, 0) +
@@ -531,16 +539,9 @@ bool write_report_html(const std::string &path, const ReportConditions &c, const
         std::ostringstream sf;
         sf << axis_hz(18, 22000) << "set ylabel 'Ratio to the signal (dB)'\nset key below\n";
         plot = "plot ";
-        for (size_t i = 0; i < runs.size(); ++i) {
-            std::vector<double> f, thdn, thd;
-            for (const ToneAnalysis &a : runs[i].m.sweep) f.push_back(a.freq_hz), thdn.push_back(a.thdn_db), thd.push_back(a.thd_db);
-            const std::string b = "f" + std::to_string(i), tag = two ? runs[i].name + ": " : "";
-            sf << block(b, {&f, &thdn, &thd});
-            plot += std::string(i ? ", " : "") + "$" + b + " using 1:2 with linespoints pt 7 ps 0.5 lw 2 lc rgb '" +
-                    kColors[i][0] + "' title " + gp_string(tag + "THD+N") + ", $" + b +
-                    " using 1:3 with linespoints pt 5 ps 0.5 lw 2 lc rgb '" + kColors[i][1] + "' title " +
-                    gp_string(tag + "THD (harmonics 2-10 below 20 kHz)");
-        }
+        for (size_t i = 0; i < runs.size(); ++i)
+            plot += thd_lines(sf, "f", i, two ? runs[i].name + ": " : "", runs[i].m.sweep, &ToneAnalysis::freq_hz,
+                              " below 20 kHz");
         pg.figure("THD+N and THD against frequency",
                   "Tone at " + num(s.sweep_level_dbfs, 0) +
                       " dBFS at third-octave frequencies from 20 Hz to 20 kHz (on the 5 Hz grid), one continuous "
