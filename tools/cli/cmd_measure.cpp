@@ -145,11 +145,11 @@ int cmd_measure(const MeasureArgs &a) {
     const MeasureSettings ms;
     const std::clock_t cpu0 = std::clock();
     std::vector<MeasuredRun> runs;
-    runs.push_back(measure_one(la.lib, pa, "A", name_a, base, format, a.rate, ms));
+    const std::string label_a = a.against.empty() ? std::filesystem::path(name_a).filename().string() : "A";
+    runs.push_back(measure_one(la.lib, pa, label_a, name_a, base, format, a.rate, ms));
     if (!a.against.empty())
         runs.push_back(measure_one(other_library ? lb.lib : la.lib, pb, "B", other_library ? name_a : name_b, base,
                                    format, a.rate, ms));
-    if (runs.size() == 1) runs[0].name = std::filesystem::path(name_a).filename().string();
     ReportConditions c;
     c.effect = std::string(la.lib.descriptor.name) + " (" + la.lib.descriptor.implementor + ")";
     c.rate = a.rate;
