@@ -8,6 +8,9 @@
 #include <random>
 #include <string>
 
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include "tools/files/builtin_tuning.h"
 #include "tools/files/tuning.h"
 #include "tools/fit/eq_fit.h"
@@ -16,7 +19,10 @@
 #include "tools/fit/import_fit.h"
 #include "tools/host/demo_program.h"
 #include "tools/host/effect_run.h"
+#include "tools/measure/effect_system.h"
+#include "tools/measure/report.h"
 #include "tools/plot/design_view.h"
+#include "tools/plot/response_plot.h"
 
 namespace {
 
@@ -184,5 +190,49 @@ void BM_ImportFitGenerated(benchmark::State &state) {
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 BENCHMARK(BM_ImportFitGenerated)->Arg(40)->Iterations(1)->Unit(benchmark::kSecond);
+
+// The whole default `measure` report of the built-in tuning at 48 kHz: every measurement through
+// the library, the JSON and the HTML with its plots. Processor time of this process; the time
+// gnuplot's processes spent on the plots is the counter gnuplot_cpu_s.
+void BM_MeasureReport(benchmark::State &state) {
+    const std::string gnuplot = find_gnuplot();
+    char dir[] = "/tmp/sorn-hp-bench-XXXXXX";
+    if (gnuplot.empty() || !mkdtemp(dir)) {
+        state.SkipWithError("needs gnuplot and a temporary folder");
+        return;
+    }
+    StdoutMuffle muffle(true);
+    RunSettings rs;
+    rs.params = builtin();
+    double audio = 0;
+    rusage before{}, after{};
+    getrusage(RUSAGE_CHILDREN, &before);
+    for (auto _ : state) {
+        MeasuredRun run;
+        std::string error;
+        if (!measure_all(effect_system_factory(library().lib, 48000, rs), MeasureSettings{}, run.m, error)) {
+            state.SkipWithError(error.c_str());
+            break;
+        }
+        run.name = "built-in";
+        run.design_db.assign(run.m.response.freq_hz.size(), 0.0);
+        run.side_expected_db = run.design_db;
+        finish_run(run);
+        ReportConditions c;
+        c.format = "float", c.device = "wired-headphone", c.mode = "normal";
+        if (!write_measurements_json(std::string(dir) + "/measurements.json", c, {run}, error) ||
+            !write_report_html(std::string(dir) + "/report.html", c, {run}, gnuplot, error))
+            state.SkipWithError(error.c_str());
+        audio = run.m.audio_seconds;
+    }
+    getrusage(RUSAGE_CHILDREN, &after);
+    auto seconds = [](const timeval &t) { return double(t.tv_sec) + 1e-6 * double(t.tv_usec); };
+    state.counters["audio_s"] = audio;
+    state.counters["gnuplot_cpu_s"] = (seconds(after.ru_utime) + seconds(after.ru_stime) - seconds(before.ru_utime) -
+                                       seconds(before.ru_stime)) / double(state.iterations());
+    for (const char *f : {"/measurements.json", "/report.html"}) std::remove((std::string(dir) + f).c_str());
+    rmdir(dir);
+}
+BENCHMARK(BM_MeasureReport)->Iterations(1)->MeasureProcessCPUTime()->Unit(benchmark::kSecond);
 
 }  // namespace

@@ -1,4 +1,6 @@
 // End-to-end: the sorn-hp executable as a user runs it.
+#include <nlohmann/json.hpp>
+
 #include "tests/test_effect_harness.h"
 #include "tests/tool_test_support.h"
 #include "tools/files/audio_file.h"
@@ -18,7 +20,7 @@ void spit(const fs::path &p, const std::string &text) { std::ofstream(p, std::io
 using ToolCli = sorn_test::ToolDir;
 
 TEST_F(ToolCli, HelpForEverySubcommandShowsAnExample) {
-    for (const std::string sub : {"run", "demo", "design", "params", "import", "import-graphiceq", "info"}) {
+    for (const std::string sub : {"run", "demo", "design", "params", "import", "import-graphiceq", "info", "measure"}) {
         Result r = tool({sub, "--help"});
         EXPECT_EQ(0, r.code) << sub;
         EXPECT_TRUE(has(r.out, "Example:\n  sorn-hp " + sub)) << r.out;
@@ -41,6 +43,26 @@ TEST_F(ToolCli, DemoRunsThroughTheLibraryAndRefusesToOverwriteWithoutYes) {
 
     Result again = tool({"demo", "out/demo"});
     EXPECT_TRUE(again.code == 1 && has(again.err, "exists; add -y to overwrite it")) << again.err;
+}
+
+// measure writes a self-contained report (every plot an inline SVG, nothing to fetch) and the
+// figures as JSON, and prints the key figures; the latency it finds is the effect's framing and
+// look-ahead plus the filter's peak one tap in.
+TEST_F(ToolCli, MeasureWritesTheReportAndTheFigures) {
+    Result r = tool({"measure", "-o", "m"});
+    ASSERT_EQ(0, r.code) << r.err;
+    EXPECT_TRUE(has(r.out, "latency (measured) (frames)") && has(r.out, "dynamic range, 16-bit stream")) << r.out;
+    const std::string html = slurp(at("m/report.html"));
+    size_t plots = 0;
+    for (size_t at = html.find("<svg"); at != std::string::npos; at = html.find("<svg", at + 1)) ++plots;
+    EXPECT_EQ(11u, plots);
+    EXPECT_FALSE(has(html, "<script") || has(html, "src=") || has(html, "href='http") || has(html, "href=\"http"));
+    const auto j = nlohmann::json::parse(slurp(at("m/measurements.json")));
+    const auto &run = j["runs"][0];
+    EXPECT_EQ(720, run["response"]["latency"]["frames"]);
+    EXPECT_EQ(81u, run["level_curve"]["points"].size());
+    EXPECT_LT(run["response"]["mid_vs_design"]["largest_departure_db"].get<double>(), 0.1);
+    EXPECT_EQ(3u, run["dynamic_range"]["formats"].size());
 }
 
 // The published corrections fitted through the library's design: each within 0.5 dB RMS of its
@@ -123,6 +145,10 @@ TEST_F(ToolCli, ErrorsAndWarningsGiveTheirMessagesAndExitCodes) {
         {{"import", "bad.json", "-o", "x.json", "--rate", "8000"}, 1, "--rate 8000", "x.json"},
         {{"import", "huge.txt", "-o", "x.json"}, 2, "huge.txt: item 2 \"50 1e30\": gain 1e+30 dB is beyond +-60 dB", "x.json"},
         {{"import-graphiceq", "huge.txt", "-o", "x.json"}, 2, "gain 1e+30 dB is beyond +-60 dB", "x.json"},
+        {{"measure", "bad.json", "-o", "m"}, 2, bad_freq, "m"},
+        {{"measure", "-o", "m", "--against", "bad.json"}, 2, bad_freq, "m"},
+        {{"measure", "-o", "m", "--rate", "96000"}, 1, "--rate 96000", "m"},
+        {{"measure", "-o", "m", "--format", "24"}, 1, "--format must be float, 16 or 32", "m"},
         // Not an error, but said loudly: the output is the input unchanged.
         {{"run", "slow.wav", "slow-out.wav"}, 0, "THE EFFECT DOES NOT PROCESS THIS RATE", nullptr},
         // An existing output needs -y; the environment names the library; --lib overrides it.

@@ -99,6 +99,40 @@ TEST_F(ToolFileRun, StreamedRunMatchesTheLibraryDrivenDirectly) {
     }
 }
 
+// A float file enters every stream format at its own level, as a device's conversion takes it
+// (a -40 dBFS file stays at -40 dBFS in 16 and 32 bits, resampled or not), and samples beyond
+// full scale are clipped by that conversion and counted.
+TEST_F(ToolFileRun, FloatFileKeepsItsLevelInEveryFormat) {
+    const sorn_hp_params_t params = tuning_from_json(builtin_tuning_json(), "built-in").params;
+    const struct { SampleFormat format; int rate; int overs; } cases[] = {
+        {SampleFormat::f32, 48000, 0}, {SampleFormat::s16, 48000, 0}, {SampleFormat::s32, 48000, 0},
+        {SampleFormat::s16, 44100, 0}, {SampleFormat::s32, 44100, 0},
+        {SampleFormat::f32, 48000, 3}, {SampleFormat::s16, 48000, 3}, {SampleFormat::s32, 48000, 3}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(std::string(sample_format_name(c.format)) + " " + std::to_string(c.rate) + " " +
+                     std::to_string(c.overs));
+        AudioBuffer b;
+        audio_allocate(b, 48000, 2, 24000, SampleFormat::f32);
+        for (size_t i = 0; i < b.f32.size(); ++i) b.f32[i] = float(0.01 * std::sin(2 * M_PI * 1000.0 * double(i / 2) / 48000));
+        for (int k = 0; k < c.overs; ++k) b.f32[5000 + 2 * k] = k % 2 ? -1.5f : 2.0f;
+        std::string error;
+        ASSERT_TRUE(audio_write(at("quiet.wav"), b, error)) << error;
+        AudioReader reader;
+        RunReport report;
+        RunSettings s;
+        s.params = params;
+        ASSERT_TRUE(audio_reader_open(reader, at("quiet.wav"), c.format, error) &&
+                    effect_run_file(library(), reader, c.format, c.rate, at("out.wav"), s, report, error)) << error;
+        EXPECT_EQ(c.overs, report.clipped_in);
+        if (c.overs) {
+            EXPECT_NEAR(c.format == SampleFormat::f32 ? 20 * std::log10(2.0) : 0.0, report.in.peak_dbfs, 0.001);
+        } else {
+            EXPECT_NEAR(-40.0, report.in.peak_dbfs, 0.02);
+            EXPECT_NEAR(-43.01, report.in.rms_dbfs, 0.02);
+        }
+    }
+}
+
 // The executable hands its options to the file run above (its output is that run's, sample for
 // sample) and refuses a rate the effect does not process. A file that cannot be read to its end
 // (its header promises more than it holds; its decoder finds it cut part way) is an error, and

@@ -85,6 +85,7 @@ void add_params_command(CLI::App &app);
 void add_import_command(CLI::App &app);
 void add_import_graphiceq_command(CLI::App &app);
 void add_info_command(CLI::App &app);
+void add_measure_command(CLI::App &app);
 
 }  // namespace sorn_tool::cli
 

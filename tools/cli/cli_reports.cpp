@@ -33,6 +33,9 @@ std::string run_report(const std::string &in, const std::string &out, const std:
     o << "  level in     peak " << dbfs(r.in.peak_dbfs) << ", RMS " << dbfs(r.in.rms_dbfs) << "\n";
     o << "  level out    peak " << dbfs(r.out.peak_dbfs) << ", RMS " << dbfs(r.out.rms_dbfs) << "\n";
     o << fmt("  clipped      %lld output samples at full scale\n", static_cast<long long>(r.clipped));
+    if (r.clipped_in > 0)
+        o << fmt("  clipped in   %lld input samples beyond full scale, clipped as the stream's conversion clips them\n",
+                 static_cast<long long>(r.clipped_in));
     o << fmt("  processing   %.3f s in %lld calls: %.1fx real time\n", r.process_seconds,
              static_cast<long long>(r.calls), r.process_seconds > 0 ? seconds / r.process_seconds : 0.0);
     return o.str();

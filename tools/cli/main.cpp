@@ -9,6 +9,7 @@
  *                     into all three groups through the library's own design
  *   import-graphiceq  "GraphicEQ: f g; ..." text into one tuning group
  *   info              the library's descriptor
+ *   measure           what the effect does to sound, measured with test signals, as a report
  *
  * Exit status: 0 success, 1 usage error (arguments, outputs that exist or would overwrite an
  * input), 2 processing error (unreadable or invalid inputs, library failures).
@@ -55,6 +56,7 @@ int main(int argc, char **argv) {
     add_import_command(app);
     add_import_graphiceq_command(app);
     add_info_command(app);
+    add_measure_command(app);
 
     try {
         app.parse(argc, argv);

@@ -1,5 +1,7 @@
 #include "tools/files/audio_file.h"
 
+#include <audio_utils/format.h>
+
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -177,6 +179,28 @@ bool sample_at_full_scale(const void *data, SampleFormat format, size_t i) {
 
 double audio_sample(const AudioBuffer &buf, size_t i) { return sample_value(audio_data(buf), buf.format, i); }
 
+uint32_t android_audio_format(SampleFormat f) {
+    switch (f) {
+    case SampleFormat::f32: return AUDIO_FORMAT_PCM_FLOAT;
+    case SampleFormat::s16: return AUDIO_FORMAT_PCM_16_BIT;
+    case SampleFormat::s32: return AUDIO_FORMAT_PCM_32_BIT;
+    }
+    return AUDIO_FORMAT_PCM_FLOAT;
+}
+
+int64_t convert_from_float(const float *src, void *dst, SampleFormat format, size_t count) {
+    int64_t beyond = 0;
+    for (size_t i = 0; i < count; ++i) beyond += std::fabs(src[i]) > 1.0f;
+    memcpy_by_audio_format(dst, static_cast<audio_format_t>(android_audio_format(format)), src,
+                           AUDIO_FORMAT_PCM_FLOAT, count);
+    return beyond;
+}
+
+void convert_to_float(const void *src, SampleFormat format, float *dst, size_t count) {
+    memcpy_by_audio_format(dst, AUDIO_FORMAT_PCM_FLOAT, src,
+                           static_cast<audio_format_t>(android_audio_format(format)), count);
+}
+
 void audio_mono_to_stereo(AudioBuffer &buf) {
     if (buf.channels != 1) return;
     AudioBuffer st;
@@ -218,17 +242,29 @@ bool audio_reader_open(AudioReader &r, const std::string &path, SampleFormat for
         error = path + ": cannot read to its end: " + cut;
         return false;
     }
-    // Float files read as integers are scaled to full scale (libsndfile would truncate them
-    // to tiny values otherwise); values beyond +-1 are clipped rather than wrapped.
-    sf_command(f, SFC_SET_SCALE_FLOAT_INT_READ, nullptr, SF_TRUE);
-    sf_command(f, SFC_SET_CLIPPING, nullptr, SF_TRUE);
+    // Float audio is read as float and converted here, so that it keeps its level in every
+    // stream format (libsndfile's own float-to-integer read truncates, or scales to the file's
+    // peak when asked to scale).
+    switch (info.format & SF_FORMAT_SUBMASK) {
+    case SF_FORMAT_FLOAT: case SF_FORMAT_DOUBLE: case SF_FORMAT_VORBIS: case SF_FORMAT_OPUS:
+    case SF_FORMAT_MPEG_LAYER_I: case SF_FORMAT_MPEG_LAYER_II: case SF_FORMAT_MPEG_LAYER_III:
+        r.float_source = true;
+        break;
+    default: r.float_source = false;
+    }
+    r.clipped = 0;
     return true;
 }
 
 int64_t audio_reader_read(AudioReader &r, void *dst, int64_t frames, std::string &error) {
     auto *f = static_cast<SNDFILE *>(r.sf);
     sf_count_t got = 0;
-    switch (r.format) {
+    if (r.float_source && r.format != SampleFormat::f32) {
+        r.scratch.resize(static_cast<size_t>(frames) * static_cast<size_t>(r.channels));
+        got = sf_readf_float(f, r.scratch.data(), frames);
+        r.clipped += convert_from_float(r.scratch.data(), dst, r.format,
+                                        static_cast<size_t>(std::max<sf_count_t>(got, 0)) * r.channels);
+    } else switch (r.format) {
     case SampleFormat::f32: got = sf_readf_float(f, static_cast<float *>(dst), frames); break;
     case SampleFormat::s16: got = sf_readf_short(f, static_cast<int16_t *>(dst), frames); break;
     case SampleFormat::s32: got = sf_readf_int(f, static_cast<int32_t *>(dst), frames); break;

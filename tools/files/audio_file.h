@@ -50,6 +50,15 @@ double sample_value(const void *data, SampleFormat format, size_t i);
 /* True when sample i sits at the format's full-scale limit. */
 bool sample_at_full_scale(const void *data, SampleFormat format, size_t i);
 
+/* The Android buffer format (audio_format_t) of a sample format. */
+uint32_t android_audio_format(SampleFormat f);
+/* Float samples into `format` exactly as a device's conversion of a float stream takes them
+   (memcpy_by_audio_format: rounded half away from zero, values beyond +-1.0 clipped to the
+   format's limits); returns how many samples lay beyond +-1.0. A float `format` is a plain copy. */
+int64_t convert_from_float(const float *src, void *dst, SampleFormat format, size_t count);
+/* The reverse: samples of `format` as float (exact for 16-bit, the nearest float for 32-bit). */
+void convert_to_float(const void *src, SampleFormat format, float *dst, size_t count);
+
 /* Copies the single channel into both channels of a stereo buffer. */
 void audio_mono_to_stereo(AudioBuffer &buf);
 
@@ -67,6 +76,12 @@ struct AudioReader {
     int64_t frames = -1; /* as the file announces them; -1 when it cannot tell */
     int64_t done = 0;    /* frames read so far */
     SampleFormat format = SampleFormat::f32; /* what reads deliver; may change between reads */
+    /* The file holds float (or a float-decoded codec). Integer reads of it then go through the
+       device's float conversion at the file's own level, and `clipped` counts the samples beyond
+       +-1.0 that the conversion clipped. */
+    bool float_source = false;
+    int64_t clipped = 0;
+    std::vector<float> scratch;
     void *sf = nullptr;
 };
 bool audio_reader_open(AudioReader &r, const std::string &path, SampleFormat format, std::string &error);

@@ -8,21 +8,6 @@ namespace sorn_tool {
 
 namespace {
 
-audio_format_t to_audio_format(SampleFormat f) {
-    switch (f) {
-    case SampleFormat::f32: return AUDIO_FORMAT_PCM_FLOAT;
-    case SampleFormat::s16: return AUDIO_FORMAT_PCM_16_BIT;
-    case SampleFormat::s32: return AUDIO_FORMAT_PCM_32_BIT;
-    }
-    return AUDIO_FORMAT_PCM_FLOAT;
-}
-
-/* Releases the instance on every way out. */
-struct InstanceGuard {
-    EffectInstance &fx;
-    ~InstanceGuard() { effect_release(fx); }
-};
-
 double to_dbfs(double v) { return v > 0.0 ? 20.0 * std::log10(v) : -INFINITY; }
 
 }  // namespace
@@ -41,6 +26,7 @@ void LevelMeter::add(const void *data, SampleFormat format, size_t count) {
         peak = std::max(peak, std::fabs(v));
         sum += v * v;
         clipped += sample_at_full_scale(data, format, i);
+        beyond += std::fabs(v) > 1.0;
     }
     samples += static_cast<int64_t>(count);
 }
@@ -69,7 +55,7 @@ bool start_effect(const EffectLibrary &lib, int rate, SampleFormat format, const
         return false;
     }
     int32_t reply = 0;
-    r = effect_set_config(fx, static_cast<uint32_t>(rate), to_audio_format(format), &reply);
+    r = effect_set_config(fx, static_cast<uint32_t>(rate), static_cast<audio_format_t>(android_audio_format(format)), &reply);
     if (r != 0 || reply != 0) {
         error = "the effect refused the configuration (" + std::string(sample_format_name(format)) + ", " +
                 std::to_string(rate) + " Hz): " + std::to_string(r != 0 ? r : reply);
@@ -100,20 +86,54 @@ bool start_effect(const EffectLibrary &lib, int rate, SampleFormat format, const
 
 }  // namespace
 
-bool effect_run_stream(const EffectLibrary &lib, int rate, SampleFormat format, int64_t expected_frames,
-                       const FrameSource &source, const FrameSink &sink, const RunSettings &settings,
-                       RunReport &report, std::string &error) {
-    report = RunReport{};
-    report.rate = rate;
-    const auto call = static_cast<int64_t>(settings.frames_per_call);
-    if (call < 1) {
+bool effect_session_start(const EffectLibrary &lib, int rate, SampleFormat format, const RunSettings &settings,
+                          EffectSession &s, std::string &error) {
+    effect_session_stop(s);
+    s.report = RunReport{};
+    s.report.rate = rate;
+    s.format = format;
+    s.frames_per_call = static_cast<int64_t>(settings.frames_per_call);
+    if (s.frames_per_call < 1) {
         error = "frames per call must be at least 1";
         return false;
     }
-    EffectInstance fx;
-    InstanceGuard guard{fx};
-    if (!start_effect(lib, rate, format, settings, fx, report, error)) return false;
-    const int64_t latency = report.latency;
+    if (start_effect(lib, rate, format, settings, s.fx, s.report, error)) return true;
+    effect_release(s.fx);
+    return false;
+}
+
+bool effect_session_process(EffectSession &s, void *in, void *out, int64_t frames, std::string &error) {
+    const size_t frame_bytes = 2 * audio_sample_bytes(s.format);
+    auto *src = static_cast<uint8_t *>(in), *dst = static_cast<uint8_t *>(out);
+    for (int64_t at = 0; at < frames; at += s.frames_per_call) {
+        const int32_t r = effect_process(s.fx, src + at * frame_bytes, dst + at * frame_bytes,
+                                         static_cast<size_t>(s.frames_per_call));
+        if (r != 0) {
+            error = "process failed at call " + std::to_string(s.report.calls) + " (" + std::to_string(r) + ")";
+            return false;
+        }
+        ++s.report.calls;
+    }
+    return true;
+}
+
+void effect_session_stop(EffectSession &s) {
+    if (s.fx.handle) effect_disable(s.fx, nullptr);
+    effect_release(s.fx);
+}
+
+bool effect_run_stream(const EffectLibrary &lib, int rate, SampleFormat format, int64_t expected_frames,
+                       const FrameSource &source, const FrameSink &sink, const RunSettings &settings,
+                       RunReport &report, std::string &error) {
+    EffectSession session;
+    struct Stop {
+        EffectSession &s;
+        ~Stop() { effect_session_stop(s); }
+    } stop{session};
+    const bool started = effect_session_start(lib, rate, format, settings, session, error);
+    report = session.report;
+    if (!started) return false;
+    const int64_t latency = report.latency, call = session.frames_per_call;
 
     // The effect is fed the input, then `latency` frames of zeros, then zeros up to a whole
     // number of calls; output frame p is input frame p - latency.
@@ -136,17 +156,12 @@ bool effect_run_stream(const EffectLibrary &lib, int rate, SampleFormat format, 
         read += have;
         std::memset(src.data() + have * frame_bytes, 0, static_cast<size_t>(chunk - have) * frame_bytes);
         const int64_t frames = ended ? std::min(chunk, (read + latency - fed + call - 1) / call * call) : chunk;
-        for (int64_t at = 0; at < frames; at += call) {
-            auto t0 = std::chrono::steady_clock::now();
-            const int32_t r = effect_process(fx, src.data() + at * frame_bytes, dst.data() + at * frame_bytes,
-                                             static_cast<size_t>(call));
-            busy += std::chrono::steady_clock::now() - t0;
-            if (r != 0) {
-                error = "process failed at frame " + std::to_string(fed + at) + " (" + std::to_string(r) + ")";
-                return false;
-            }
-            ++report.calls;
+        auto t0 = std::chrono::steady_clock::now();
+        if (!effect_session_process(session, src.data(), dst.data(), frames, error)) {
+            error += " (frame " + std::to_string(fed) + " onwards)";
+            return false;
         }
+        busy += std::chrono::steady_clock::now() - t0;
         const int64_t from = std::max(fed, latency), to = std::min(fed + frames, read + latency);
         if (to > from) {
             const uint8_t *out = dst.data() + (from - fed) * frame_bytes;
@@ -158,12 +173,13 @@ bool effect_run_stream(const EffectLibrary &lib, int rate, SampleFormat format, 
             settings.progress(std::min(0.999, double(fed) / double(expected_frames + latency)));
     }
     if (settings.progress) settings.progress(1.0);
-    effect_disable(fx, nullptr);
+    report.calls = session.report.calls;
     report.frames = read;
     report.process_seconds = std::chrono::duration<double>(busy).count();
     report.in = in_meter.levels();
     report.out = out_meter.levels();
     report.clipped = out_meter.clipped;
+    report.clipped_in = in_meter.beyond;
     return true;
 }
 

@@ -61,6 +61,7 @@ struct Levels {
 struct LevelMeter {
     double peak = 0.0, sum = 0.0;
     int64_t samples = 0, clipped = 0;
+    int64_t beyond = 0; /* float samples beyond +-1.0 (the effect's input conversion clips them) */
     void add(const void *data, SampleFormat format, size_t count);
     Levels levels() const;
 };
@@ -75,7 +76,9 @@ struct RunReport {
     int status_check = -1;   /* the wrapper state the effect reports, -1 when unknown */
     std::string status_text;
     Levels in, out;
-    int64_t clipped = 0; /* output samples at full scale */
+    int64_t clipped = 0;    /* output samples at full scale */
+    int64_t clipped_in = 0; /* input samples beyond full scale, clipped by the conversion into the
+                               stream's format (or, for a float stream, by the effect's own) */
     int64_t calls = 0;
     double process_seconds = 0.0;
 };
@@ -88,6 +91,23 @@ Levels measure_levels(const AudioBuffer &buf);
 bool effect_run_stream(const EffectLibrary &lib, int rate, SampleFormat format, int64_t expected_frames,
                        const FrameSource &source, const FrameSink &sink, const RunSettings &settings,
                        RunReport &report, std::string &error);
+
+/* One instance started exactly as effect_run_stream starts it, then driven call by call: for
+   measurements that choose what to feed next from what came out. The output is the effect's
+   own, not compensated for its latency; `report` holds what the start found out (processing,
+   latency, status). */
+struct EffectSession {
+    EffectInstance fx;
+    RunReport report;
+    SampleFormat format = SampleFormat::f32;
+    int64_t frames_per_call = 240;
+};
+bool effect_session_start(const EffectLibrary &lib, int rate, SampleFormat format, const RunSettings &settings,
+                          EffectSession &s, std::string &error);
+/* `frames` stereo frames of the session's format, a whole number of calls. */
+bool effect_session_process(EffectSession &s, void *in, void *out, int64_t frames, std::string &error);
+/* Disables and releases the instance; harmless when it was never started. */
+void effect_session_stop(EffectSession &s);
 
 /* The same for a buffer held in memory. `in` must be stereo; `out` receives a stereo buffer of
    the same length and format. */

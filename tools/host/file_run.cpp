@@ -67,8 +67,10 @@ bool effect_run_file(const EffectLibrary &lib, AudioReader &reader, SampleFormat
         }
         return got;
     };
-    FrameSource source =
-        resample ? resampled_source(reader.rate, rate, format, std::move(file), settings.chunk_frames, error) : file;
+    int64_t resample_clipped = 0;
+    FrameSource source = resample ? resampled_source(reader.rate, rate, format, std::move(file),
+                                                     settings.chunk_frames, error, &resample_clipped)
+                                  : file;
     if (!source) return false;
     AudioWriter writer;
     if (!audio_writer_open(writer, out_path, rate, 2, format, error)) return false;
@@ -78,6 +80,10 @@ bool effect_run_file(const EffectLibrary &lib, AudioReader &reader, SampleFormat
     const int64_t expected = reader.frames < 0 ? -1 : std::llround(double(reader.frames) * rate / reader.rate);
     if (!effect_run_stream(lib, rate, format, expected, source, sink, settings, report, error)) return false;
     report.source_rate = resample ? reader.rate : 0;
+    // Float input beyond full scale: clipped when it was converted into the stream's format,
+    // else counted by the level meter as the effect's own conversion clips it.
+    if (resample || (reader.float_source && format != SampleFormat::f32))
+        report.clipped_in = resample ? resample_clipped : reader.clipped;
     return audio_writer_commit(writer, error);
 }
 

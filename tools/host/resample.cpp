@@ -29,11 +29,8 @@ size_t pull(void *state, soxr_in_t *data, size_t requested) {
 
 }  // namespace
 
-soxr_io_spec_t resample_io_spec(SampleFormat out) {
-    const soxr_datatype_t type = out == SampleFormat::f32   ? SOXR_FLOAT32_I
-                                 : out == SampleFormat::s16 ? SOXR_INT16_I
-                                                            : SOXR_INT32_I;
-    soxr_io_spec_t io = soxr_io_spec(SOXR_FLOAT32_I, type);
+soxr_io_spec_t resample_io_spec() {
+    soxr_io_spec_t io = soxr_io_spec(SOXR_FLOAT32_I, SOXR_FLOAT32_I);
     io.flags |= SOXR_NO_DITHER;
     return io;
 }
@@ -41,11 +38,11 @@ soxr_io_spec_t resample_io_spec(SampleFormat out) {
 soxr_quality_spec_t resample_quality_spec() { return soxr_quality_spec(SOXR_HQ, 0); }
 
 FrameSource resampled_source(int in_rate, int out_rate, SampleFormat format, FrameSource upstream,
-                             size_t piece_frames, std::string &error) {
+                             size_t piece_frames, std::string &error, int64_t *clipped) {
     auto r = std::make_shared<Resampler>();
     r->upstream = std::move(upstream);
     r->piece.resize(2 * std::max<size_t>(piece_frames, 1));
-    const soxr_io_spec_t io = resample_io_spec(format);
+    const soxr_io_spec_t io = resample_io_spec();
     const soxr_quality_spec_t quality = resample_quality_spec();
     const soxr_runtime_spec_t runtime = soxr_runtime_spec(1);
     soxr_error_t e = nullptr;
@@ -55,12 +52,17 @@ FrameSource resampled_source(int in_rate, int out_rate, SampleFormat format, Fra
         error = "cannot resample " + std::to_string(in_rate) + " Hz to " + std::to_string(out_rate) + " Hz: " + e;
         return {};
     }
-    return [r](void *dst, int64_t frames, std::string &err) -> int64_t {
-        const size_t got = soxr_output(r->soxr, dst, static_cast<size_t>(frames));
+    return [r, format, clipped, made = std::vector<float>()](void *dst, int64_t frames,
+                                                            std::string &err) mutable -> int64_t {
+        float *to = static_cast<float *>(dst);
+        if (format != SampleFormat::f32) made.resize(2 * static_cast<size_t>(frames)), to = made.data();
+        const size_t got = soxr_output(r->soxr, to, static_cast<size_t>(frames));
         if (r->failed) {
             err = r->error;
             return -1;
         }
+        const int64_t beyond = convert_from_float(to, dst, format, 2 * got);
+        if (clipped) *clipped += beyond;
         return static_cast<int64_t>(got);
     };
 }

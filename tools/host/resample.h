@@ -1,8 +1,9 @@
 /*
  * Sample-rate conversion as a device's mixer does it before the effect sees a stream: libsoxr
  * at high quality (soxr_quality_spec(SOXR_HQ, 0): 20-bit precision, linear phase, its own delay
- * removed), one thread, stereo float in, the run's sample format out, rounded and clipped without
- * dither (a mixer does not dither either), so the same input always gives the same samples.
+ * removed), one thread, stereo float in and out, then into the run's sample format by the device's
+ * own float conversion (memcpy_by_audio_format: rounded, clipped, no dither), so the same input
+ * always gives the same samples at the level it had.
  *
  * Takes its input from another source a piece at a time and gives the same samples as
  * soxr_oneshot with the same settings on the whole signal; the output lasts as long as the input.
@@ -20,14 +21,15 @@
 namespace sorn_tool {
 
 /* The io and quality settings the conversion uses, for anyone who wants the same one. */
-soxr_io_spec_t resample_io_spec(SampleFormat out);
+soxr_io_spec_t resample_io_spec();
 soxr_quality_spec_t resample_quality_spec();
 
 /* A source of stereo `format` frames at `out_rate` from `upstream`, a source of stereo float
    frames at `in_rate` asked for at most `piece_frames` at a time. Empty with `error` set when
-   libsoxr refuses the conversion. */
+   libsoxr refuses the conversion. `clipped` (when given, kept alive by the caller) counts the
+   resampled samples beyond +-1.0 that the conversion into `format` clipped. */
 FrameSource resampled_source(int in_rate, int out_rate, SampleFormat format, FrameSource upstream,
-                             size_t piece_frames, std::string &error);
+                             size_t piece_frames, std::string &error, int64_t *clipped = nullptr);
 
 }  // namespace sorn_tool
 

@@ -203,6 +203,35 @@ bool plot_response(const DesignView &view, const std::string &out_path, const st
     return true;
 }
 
+bool gnuplot_svg(const std::string &gnuplot, const std::string &script, int width, int height, std::string &svg,
+                 std::string &error) {
+    char dir_template[] = "/tmp/sorn-hp-plot-XXXXXX";
+    if (!mkdtemp(dir_template)) {
+        error = std::string("cannot make a temporary folder: ") + std::strerror(errno);
+        return false;
+    }
+    const std::string dir = dir_template;
+    const std::string out = dir + "/plot.svg", gp = dir + "/plot.gp", log = dir + "/gnuplot.log";
+    std::ostringstream o;
+    o << "set terminal svg size " << width << "," << height << " font 'Sans,12' background '#ffffff'\n"
+      << "set output " << gp_quote(out) << "\n" << script << "\nunset output\n";
+    bool ok = write_text(gp, o.str(), error);
+    if (ok) {
+        const int rc = run_program(gnuplot, gp, log);
+        std::ifstream in(out);
+        svg.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+        if (rc != 0 || svg.empty()) {
+            std::ifstream lf(log);
+            std::string said((std::istreambuf_iterator<char>(lf)), std::istreambuf_iterator<char>());
+            error = "gnuplot (" + gnuplot + ") failed" + (said.empty() ? "" : ": " + said);
+            ok = false;
+        }
+    }
+    for (const std::string &f : {out, gp, log}) std::remove(f.c_str());
+    rmdir(dir.c_str());
+    return ok;
+}
+
 bool write_response_csv(const DesignView &view, const std::string &path, std::string &error) {
     std::ostringstream o;
     const bool target = !view.target_db.empty();

@@ -31,6 +31,11 @@ struct PlotResult {
 bool plot_response(const DesignView &view, const std::string &out_path, const std::string &title,
                    const std::string &gnuplot, PlotResult &result, std::string &error);
 
+/* Runs `script` (gnuplot commands that set no terminal or output) into an SVG picture of
+   `width` x `height` and returns its text in `svg`; false with `error` when gnuplot fails. */
+bool gnuplot_svg(const std::string &gnuplot, const std::string &script, int width, int height, std::string &svg,
+                 std::string &error);
+
 bool write_response_csv(const DesignView &view, const std::string &path, std::string &error);
 bool write_taps(const DesignView &view, const std::string &path, std::string &error);
 
