@@ -1,9 +1,9 @@
 // End-to-end: the sorn-hp executable as a user runs it.
 #include "tests/test_effect_harness.h"
 #include "tests/tool_test_support.h"
-#include "tools/audio_file.h"
-#include "tools/builtin_tuning.h"
-#include "tools/tuning.h"
+#include "tools/files/audio_file.h"
+#include "tools/files/builtin_tuning.h"
+#include "tools/files/tuning.h"
 
 namespace {
 

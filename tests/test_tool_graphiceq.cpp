@@ -6,9 +6,9 @@
 #include <string>
 
 #include "design/cubic_interp.h"
-#include "tools/design_view.h"
-#include "tools/eq_import.h"
-#include "tools/graphiceq.h"
+#include "tools/fit/eq_import.h"
+#include "tools/fit/graphiceq.h"
+#include "tools/plot/design_view.h"
 
 namespace {
 

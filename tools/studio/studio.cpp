@@ -12,7 +12,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "tools/audio_file.h"
+#include "tools/files/audio_file.h"
 #include "tools/studio/studio_assets.h"
 #include "tools/studio/studio_jobs.h"
 

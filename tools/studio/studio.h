@@ -37,9 +37,9 @@
 
 #include <nlohmann/json.hpp>
 
-#include "tools/design_view.h"
-#include "tools/effect_host.h"
-#include "tools/tuning.h"
+#include "tools/plot/design_view.h"
+#include "tools/host/effect_host.h"
+#include "tools/files/tuning.h"
 
 namespace sorn_tool {
 

@@ -1,0 +1,84 @@
+#include "tools/host/file_run.h"
+
+#include <cmath>
+#include <cstring>
+#include <vector>
+
+#include "tools/host/resample.h"
+
+namespace sorn_tool {
+
+bool file_run_open(const std::string &in_path, SampleFormat format, int rate, AudioReader &reader, int &run_rate,
+                   std::vector<RunMessage> &messages, std::string &error) {
+    if (!audio_reader_open(reader, in_path, format, error)) return false;
+    if (reader.channels > 2) {
+        error = in_path + ": " + std::to_string(reader.channels) +
+                " channels; the effect processes stereo (or mono, duplicated)";
+        return false;
+    }
+    if (reader.channels == 1)
+        messages.push_back({false, in_path + " is mono: both channels of the effect get it, and the output is stereo"});
+    run_rate = rate ? rate : reader.rate;
+    const std::string file_rate = std::to_string(reader.rate), to = std::to_string(run_rate);
+    if (run_rate != reader.rate)
+        messages.push_back({false, in_path + " is at " + file_rate + " Hz: resampled to " + to +
+                                       " Hz before the effect, as a device's mixer does (libsoxr, high quality); "
+                                       "the output is at " + to + " Hz"});
+    else if (!effect_rate_supported(reader.rate))
+        messages.push_back({true, in_path + " is at " + file_rate +
+                                      " Hz: THE EFFECT DOES NOT PROCESS THIS RATE (it takes 44050 to 48050 Hz); the "
+                                      "output will be the input unchanged. --rate 48000 resamples it first, as a "
+                                      "device's mixer would"});
+    return true;
+}
+
+std::string passthrough_warning(const RunReport &report, bool bypass, const std::string &device,
+                                const std::string &mode) {
+    std::string why;
+    if (report.status_check == 0)
+        why = "the effect's processing is switched off for this stream";
+    else if (bypass)
+        why = "--bypass is on";
+    else
+        why = "the effect does not process for device " + device + " in " + mode + " mode";
+    return "THE OUTPUT IS THE INPUT UNCHANGED: " + why + ".";
+}
+
+bool effect_run_file(const EffectLibrary &lib, AudioReader &reader, SampleFormat format, int rate,
+                     const std::string &out_path, const RunSettings &settings, RunReport &report,
+                     std::string &error) {
+    report = RunReport{};
+    if (reader.channels < 1 || reader.channels > 2) {
+        error = reader.path + ": " + std::to_string(reader.channels) + " channels; the effect takes stereo or mono";
+        return false;
+    }
+    const bool resample = rate != reader.rate;
+    reader.format = resample ? SampleFormat::f32 : format;
+    FrameSource file = [&reader, mono = std::vector<uint8_t>()](void *dst, int64_t frames,
+                                                                 std::string &err) mutable -> int64_t {
+        if (reader.channels == 2) return audio_reader_read(reader, dst, frames, err);
+        const size_t bytes = audio_sample_bytes(reader.format);
+        mono.resize(static_cast<size_t>(frames) * bytes);
+        const int64_t got = audio_reader_read(reader, mono.data(), frames, err);
+        auto *out = static_cast<uint8_t *>(dst);
+        for (int64_t k = 0; k < got; ++k) {
+            std::memcpy(out + 2 * k * bytes, mono.data() + k * bytes, bytes);
+            std::memcpy(out + (2 * k + 1) * bytes, mono.data() + k * bytes, bytes);
+        }
+        return got;
+    };
+    FrameSource source =
+        resample ? resampled_source(reader.rate, rate, format, std::move(file), settings.chunk_frames, error) : file;
+    if (!source) return false;
+    AudioWriter writer;
+    if (!audio_writer_open(writer, out_path, rate, 2, format, error)) return false;
+    FrameSink sink = [&writer](const void *src, int64_t frames, std::string &err) {
+        return audio_writer_write(writer, src, frames, err);
+    };
+    const int64_t expected = reader.frames < 0 ? -1 : std::llround(double(reader.frames) * rate / reader.rate);
+    if (!effect_run_stream(lib, rate, format, expected, source, sink, settings, report, error)) return false;
+    report.source_rate = resample ? reader.rate : 0;
+    return audio_writer_commit(writer, error);
+}
+
+}  // namespace sorn_tool
