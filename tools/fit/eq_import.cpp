@@ -59,6 +59,11 @@ std::string range_text(const std::vector<CurvePoint> &pts) {
     return buf;
 }
 
+void check_gain(double gain_db, const std::string &where) {
+    if (const std::string problem = imported_gain_problem(gain_db); !problem.empty())
+        throw Failure{where + ": " + problem};
+}
+
 /* "ON PK Fc 105 Hz Gain 6.4 dB Q 0.70" after "Filter N:"; false for a disabled filter. */
 bool parse_filter(const std::string &body, const std::string &where, Biquad &b, std::string &type) {
     std::vector<std::string> w = words(body);
@@ -83,7 +88,8 @@ bool parse_filter(const std::string &body, const std::string &where, Biquad &b, 
         ++i;
     }
     if (!(fc > 0.0 && fc < 22050.0)) throw Failure{where + ": Fc must be above 0 and below 22050 Hz"};
-    if (!(std::fabs(gain) <= 100.0)) throw Failure{where + ": Gain missing or beyond +-100 dB"};
+    if (std::isnan(gain)) throw Failure{where + ": Gain missing"};
+    check_gain(gain, where);
     if (!(q >= 0.01 && q <= 1000.0)) throw Failure{where + ": Q missing or outside 0.01 to 1000"};
     b.fc_hz = fc, b.gain_db = gain, b.q = q;
     return state == "on";
@@ -117,6 +123,7 @@ void read_csv(const std::vector<std::string> &lines, const std::string &source, 
                           (columns > 2 ? " (this row has " + std::to_string(columns) + " columns)" : "")};
         }
         if (p.freq_hz <= 0.0) throw Failure{where + ": frequency must be above 0 Hz"};
+        check_gain(p.gain_db, where);
         if (!pts.empty() && p.freq_hz <= pts.back().freq_hz)
             throw Failure{where + ": frequency is not above the previous row's (rows must be in increasing frequency order)"};
         pts.push_back(p);
@@ -223,7 +230,9 @@ ImportedCurve eq_import_parse(const std::string &text_in, const std::string &sou
                 double v = 0.0;
                 if (w.empty() || w.size() > 2 || !number(w[0], v) || (w.size() == 2 && lower(w[1]) != "db"))
                     throw Failure{where + ": expected \"Preamp: X dB\""};
+                check_gain(v, where);
                 c.preamp_db += v;
+                check_gain(c.preamp_db, where + " (the preamp lines added up)");
                 ++preamps;
             } else if (key.rfind("filter", 0) == 0) {
                 Biquad b{};

@@ -11,6 +11,7 @@
  *     ignored with a note);
  *   - a two-column CSV of frequency in Hz and gain in dB (",", ";", tab or spaces between them;
  *     one header line allowed).
+ * Every gain read (point, filter, preamp) is finite and within +-60 dB (imported_gain_problem).
  * Guarantees: either a curve with a list of what was read, or one message naming the file, the
  * line and what is wrong. Disabled filters are kept out of the curve and counted. Filter types
  * that cannot be evaluated (low-pass, notch, ...) are refused rather than silently dropped.

@@ -4,6 +4,7 @@
 #include <cctype>
 #include <charconv>
 #include <cmath>
+#include <cstdio>
 
 namespace sorn_tool {
 
@@ -47,6 +48,14 @@ Departure departure(const std::vector<uint32_t> &freq, const std::vector<int32_t
 
 }  // namespace
 
+std::string imported_gain_problem(double gain_db) {
+    if (!std::isfinite(gain_db)) return "gain is not a finite number";
+    if (std::fabs(gain_db) <= kMaxImportedGainDb) return {};
+    char buf[64];
+    std::snprintf(buf, sizeof buf, "gain %g dB is beyond +-%g dB", gain_db, kMaxImportedGainDb);
+    return buf;
+}
+
 GraphicEqParse graphiceq_parse(const std::string &text, const std::string &source) {
     GraphicEqParse r;
     std::string body = text;
@@ -82,6 +91,10 @@ GraphicEqParse graphiceq_parse(const std::string &text, const std::string &sourc
         }
         if (f <= 0.0) {
             r.error = where + ": frequency must be above 0 Hz";
+            return r;
+        }
+        if (const std::string problem = imported_gain_problem(g); !problem.empty()) {
+            r.error = where + ": " + problem;
             return r;
         }
         if (!r.points.empty() && f <= r.points.back().freq_hz) {

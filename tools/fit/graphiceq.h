@@ -4,7 +4,7 @@
  *
  * Parsing is tolerant of spacing, line breaks, a byte-order mark, a trailing ';' and a
  * case-insensitive prefix; it refuses anything else with one message naming the file and the
- * item. Points at or above 22000 Hz are dropped with a note (the effect's tables end there).
+ * item; gains beyond +-60 dB are refused too. Points at or above 22000 Hz are dropped with a note (the effect's tables end there).
  *
  * Fitting places the group's points on a log-frequency grid over the input's span, starts from
  * the input curve rounded to whole dB and limited to the effect's -6..+7 dB, then moves single
@@ -22,6 +22,15 @@
 #include "tools/plot/design_view.h"
 
 namespace sorn_tool {
+
+/* The largest gain either way a correction's point, filter or preamp may hold. Published
+   corrections stay within a few tens of dB; more is a broken or hostile file whose numbers would
+   only wreck the fit. */
+inline constexpr double kMaxImportedGainDb = 60.0;
+
+/* Empty when `gain_db` is finite and within +-kMaxImportedGainDb; else what is wrong with it,
+   e.g. "gain 1e+30 dB is beyond +-60 dB", for the caller to put after where it was read. */
+std::string imported_gain_problem(double gain_db);
 
 struct GraphicEqParse {
     bool ok = false;
