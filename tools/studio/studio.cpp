@@ -325,6 +325,12 @@ std::string studio_shown_name(const std::string &given, const char *fallback) {
     std::string clean;
     for (char c : given.substr(slash == std::string::npos ? 0 : slash + 1))
         if (static_cast<unsigned char>(c) >= 0x20 && c != 0x7f && clean.size() < 80) clean += c;
+    // Names go into JSON, which takes only valid UTF-8: anything else keeps its ASCII alone.
+    try {
+        (void)json(clean).dump();
+    } catch (const json::type_error &) {
+        clean.erase(std::remove_if(clean.begin(), clean.end(), [](char c) { return c & 0x80; }), clean.end());
+    }
     return clean.empty() ? fallback : clean;
 }
 
