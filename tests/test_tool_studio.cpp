@@ -162,6 +162,7 @@ TEST_F(ToolStudio, EditsFromEachLoopbackNameAreDesigned) {
         const json st = json::parse(r.body);
         EXPECT_EQ(first + ++n, st["revision"]);
         EXPECT_EQ(t["hp"]["points"], st["tuning"]["hp"]["points"]);
+        EXPECT_EQ(0u, st["summary"].get<std::string>().rfind("sorn-hp design: the studio's tuning at 48000 Hz", 0));
         const auto &freq = st["curve"]["freq"];
         ASSERT_EQ(freq.size(), st["curve"]["achieved"].size());
         // Near 1 kHz the achieved response follows the point that moved.

@@ -89,8 +89,10 @@ bool design_curves(Studio &s, const sorn_hp_params_t &p, const TuningTarget &tar
     curve["max_deviation_db"] = v.max_deviation_db;
     curve["max_deviation_hz"] = v.max_deviation_hz;
     curve["target_rms_db"] = v.target_db.empty() ? json(nullptr) : json(v.target_rms_db);
-    curve["warnings"] = v.warnings;
-    summary.clear();
+    int fine_steps = 0;
+    curve["warnings"] = design_warnings_shown(v, target, fine_steps);
+    curve["fine_steps"] = fine_steps;
+    summary = design_summary(v, "the studio's tuning", &target);
     return true;
 }
 
