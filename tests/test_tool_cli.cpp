@@ -149,6 +149,10 @@ TEST_F(ToolCli, ErrorsAndWarningsGiveTheirMessagesAndExitCodes) {
         {{"measure", "-o", "m", "--against", "bad.json"}, 2, bad_freq, "m"},
         {{"measure", "-o", "m", "--rate", "96000"}, 1, "--rate 96000", "m"},
         {{"measure", "-o", "m", "--format", "24"}, 1, "--format must be float, 16 or 32", "m"},
+        {{"studio", "bad.json", "--port", "0"}, 2, bad_freq, nullptr},
+        {{"studio", "odd.bin", "--port", "0"}, 2, "odd.bin: 100 bytes", nullptr},
+        {{"studio", "--port", "0", "--audio", "in.wav"}, 2, "in.wav: not a folder", nullptr},
+        {{"studio", "--port", "70000"}, 1, "--port must be 0 to 65535", nullptr},
         // Not an error, but said loudly: the output is the input unchanged.
         {{"run", "slow.wav", "slow-out.wav"}, 0, "THE EFFECT DOES NOT PROCESS THIS RATE", nullptr},
         // An existing output needs -y; the environment names the library; --lib overrides it.

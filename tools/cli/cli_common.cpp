@@ -34,15 +34,6 @@ void say(const std::string &m) {
     if (!g_opt.quiet) std::fputs(m.c_str(), stdout);
 }
 
-std::string fmt(const char *f, ...) {
-    char buf[1024];
-    va_list ap;
-    va_start(ap, f);
-    std::vsnprintf(buf, sizeof buf, f, ap);
-    va_end(ap);
-    return buf;
-}
-
 /* ---- files --------------------------------------------------------------------------------- */
 
 namespace {

@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/files/text_format.h"
 #include "tools/files/tuning.h"
 #include "tools/host/effect_host.h"
 
@@ -47,7 +48,6 @@ extern GlobalOptions g_opt;
 void note(const std::string &m);
 void warn(const std::string &m);
 void say(const std::string &m);
-std::string fmt(const char *f, ...) __attribute__((format(printf, 1, 2)));
 
 /* Outputs must not be inputs, and must not exist unless -y was given. */
 void check_outputs(const std::vector<std::string> &outputs, const std::vector<std::string> &inputs);
@@ -86,6 +86,7 @@ void add_import_command(CLI::App &app);
 void add_import_graphiceq_command(CLI::App &app);
 void add_info_command(CLI::App &app);
 void add_measure_command(CLI::App &app);
+void add_studio_command(CLI::App &app);
 
 }  // namespace sorn_tool::cli
 

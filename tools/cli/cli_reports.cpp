@@ -53,27 +53,6 @@ DesignView run_design(const LoadedLibrary &l, const sorn_hp_params_t &p, int rat
     return v;
 }
 
-std::string design_summary(const DesignView &v, const std::string &name, const TuningTarget *target) {
-    const bool shown = !v.target_db.empty();
-    std::ostringstream o;
-    o << "sorn-hp design: " << name << " at " << v.rate << " Hz (513 minimum-phase taps)\n";
-    o << "  frequency   requested   achieved" << (shown ? "     target" : "") << "\n";
-    for (double f : {31.25, 62.5, 125.0, 250.0, 500.0, 1000.0, 2000.0, 4000.0, 8000.0, 16000.0}) {
-        size_t best = 0;
-        for (size_t i = 0; i < v.freq_hz.size(); ++i)
-            if (std::fabs(std::log(v.freq_hz[i] / f)) < std::fabs(std::log(v.freq_hz[best] / f))) best = i;
-        o << fmt("  %6.0f Hz   %+6.2f dB   %+6.2f dB", v.freq_hz[best], v.requested_db[best], v.achieved_db[best]);
-        o << (shown ? fmt("   %+6.2f dB", v.target_db[best]) : std::string()) << "\n";
-    }
-    o << fmt("  largest deviation from requested %.2f dB at %.0f Hz (20 Hz to %.0f Hz)\n", v.max_deviation_db,
-             v.max_deviation_hz, v.deviation_limit_hz);
-    if (shown)
-        o << fmt("  achieved vs target (%s, level %+.2f dB): RMS %.2f dB (20 Hz to %.0f Hz)\n",
-                 target->source.empty() ? "imported" : target->source.c_str(), target->level_offset_db,
-                 v.target_rms_db, v.deviation_limit_hz);
-    return o.str();
-}
-
 std::string plot_title(const std::string &name, const DesignView &v, const TuningTarget *target) {
     if (!v.target_db.empty())
         return fmt("%s at %d Hz: achieved vs target (level %+.2f dB) RMS %.2f dB, 20 to %.0f Hz", name.c_str(),

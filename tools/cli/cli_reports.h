@@ -28,7 +28,6 @@ std::string run_report(const std::string &in, const std::string &out, const std:
 DesignView run_design(const LoadedLibrary &l, const sorn_hp_params_t &p, int rate,
                       const TuningTarget *target = nullptr);
 
-std::string design_summary(const DesignView &v, const std::string &name, const TuningTarget *target = nullptr);
 std::string plot_title(const std::string &name, const DesignView &v, const TuningTarget *target = nullptr);
 
 }  // namespace sorn_tool::cli

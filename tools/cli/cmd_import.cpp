@@ -49,22 +49,7 @@ int cmd_import_any(const ImportAnyArgs &a) {
     const double seconds = double(std::clock() - start) / CLOCKS_PER_SEC;
     write_file(a.out, r.tuning_json.data(), r.tuning_json.size());
 
-    const FitResult &fit = r.fit;
-    std::ostringstream o;
-    o << "sorn-hp import: " << a.file << " -> " << a.out << "\n";
-    o << "  read          " << c.format << "\n";
-    for (const std::string &line : c.read) o << "                " << line << "\n";
-    o << fmt("  fitted        lc 12, hp 12, ea 8 points, judged by the library's own design at %d Hz\n"
-             "                (%d designs, %.1f s of processor time)\n", a.rate, fit.designs, seconds);
-    o << fmt("  level offset  %+.2f dB (the correction plays that much louder than published;\n"
-             "                the effect's loudness stage follows the filter)\n", fit.level_offset_db);
-    o << fmt("  achieved      vs target, 20 Hz to %.0f Hz: RMS %.2f dB, largest %.2f dB at %.0f Hz\n",
-             r.grid_hz.back(), fit.rms_db, fit.max_db, fit.max_hz);
-    o << fmt("  error from    the -6..+7 dB window %.2f dB, detail finer than the filter resolves\n"
-             "                (about %.0f Hz) %.2f dB, the tables (32 points, whole dB and Hz) %.2f dB\n"
-             "                (RMS parts; their squares add up to the total's)\n",
-             fit.window_db, a.rate / 513.0, fit.resolution_db, fit.table_db);
-    say(o.str());
+    say(import_report(c, r, a.file, a.out, a.rate, seconds));
     return 0;
 }
 

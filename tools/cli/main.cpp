@@ -10,6 +10,7 @@
  *   import-graphiceq  "GraphicEQ: f g; ..." text into one tuning group
  *   info              the library's descriptor
  *   measure           what the effect does to sound, measured with test signals, as a report
+ *   studio            the browser workbench: live design, import, listen and export
  *
  * Exit status: 0 success, 1 usage error (arguments, outputs that exist or would overwrite an
  * input), 2 processing error (unreadable or invalid inputs, library failures).
@@ -57,6 +58,7 @@ int main(int argc, char **argv) {
     add_import_graphiceq_command(app);
     add_info_command(app);
     add_measure_command(app);
+    add_studio_command(app);
 
     try {
         app.parse(argc, argv);

@@ -38,7 +38,12 @@ struct ImportFit {
 /* `source` names the correction in the tuning's target (its last path component is kept). */
 bool import_fit(const EffectLibrary &lib, const ImportedCurve &curve, const std::string &source, int rate,
                 bool surround, ImportFit &result, std::string &error,
-                const std::function<void(int designs)> &on_fitted = {});
+                const std::function<void(int designs)> &on_fitted = {}, const FitProgress &progress = {});
+
+/* The lines `import` prints for a fit of `file` written to `out` that took `seconds` of processor
+   time: what was read, the level offset, the error and where it comes from. */
+std::string import_report(const ImportedCurve &c, const ImportFit &r, const std::string &file, const std::string &out,
+                          int rate, double seconds);
 
 }  // namespace sorn_tool
 

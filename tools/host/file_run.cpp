@@ -1,5 +1,6 @@
 #include "tools/host/file_run.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <vector>
@@ -44,14 +45,20 @@ std::string passthrough_warning(const RunReport &report, bool bypass, const std:
     return "THE OUTPUT IS THE INPUT UNCHANGED: " + why + ".";
 }
 
-bool effect_run_file(const EffectLibrary &lib, AudioReader &reader, SampleFormat format, int rate,
-                     const std::string &out_path, const RunSettings &settings, RunReport &report,
-                     std::string &error) {
-    report = RunReport{};
-    if (reader.channels < 1 || reader.channels > 2) {
-        error = reader.path + ": " + std::to_string(reader.channels) + " channels; the effect takes stereo or mono";
-        return false;
-    }
+namespace {
+
+bool stereo_or_mono(const AudioReader &reader, std::string &error) {
+    if (reader.channels >= 1 && reader.channels <= 2) return true;
+    error = reader.path + ": " + std::to_string(reader.channels) + " channels; the effect takes stereo or mono";
+    return false;
+}
+
+/* The file's frames as a run hands them to the effect: stereo (a mono channel given to both), in
+   `format`, at `rate`. Empty with `error` when the resampler cannot start. A resampled float
+   stream is converted into `format` as a device converts it; the samples that conversion clips
+   are counted in `*resample_clipped`. */
+FrameSource run_source(AudioReader &reader, SampleFormat format, int rate, size_t chunk_frames, std::string &error,
+                       int64_t *resample_clipped) {
     const bool resample = rate != reader.rate;
     reader.format = resample ? SampleFormat::f32 : format;
     FrameSource file = [&reader, mono = std::vector<uint8_t>()](void *dst, int64_t frames,
@@ -67,10 +74,21 @@ bool effect_run_file(const EffectLibrary &lib, AudioReader &reader, SampleFormat
         }
         return got;
     };
+    return resample ? resampled_source(reader.rate, rate, format, std::move(file), chunk_frames, error,
+                                       resample_clipped)
+                    : file;
+}
+
+}  // namespace
+
+bool effect_run_file(const EffectLibrary &lib, AudioReader &reader, SampleFormat format, int rate,
+                     const std::string &out_path, const RunSettings &settings, RunReport &report,
+                     std::string &error) {
+    report = RunReport{};
+    if (!stereo_or_mono(reader, error)) return false;
+    const bool resample = rate != reader.rate;
     int64_t resample_clipped = 0;
-    FrameSource source = resample ? resampled_source(reader.rate, rate, format, std::move(file),
-                                                     settings.chunk_frames, error, &resample_clipped)
-                                  : file;
+    FrameSource source = run_source(reader, format, rate, settings.chunk_frames, error, &resample_clipped);
     if (!source) return false;
     AudioWriter writer;
     if (!audio_writer_open(writer, out_path, rate, 2, format, error)) return false;
@@ -84,6 +102,28 @@ bool effect_run_file(const EffectLibrary &lib, AudioReader &reader, SampleFormat
     // else counted by the level meter as the effect's own conversion clips it.
     if (resample || (reader.float_source && format != SampleFormat::f32))
         report.clipped_in = resample ? resample_clipped : reader.clipped;
+    return audio_writer_commit(writer, error);
+}
+
+bool file_run_original(AudioReader &reader, SampleFormat format, int rate, const std::string &out_path,
+                       const RunSettings &settings, std::string &error) {
+    if (!stereo_or_mono(reader, error)) return false;
+    FrameSource source = run_source(reader, format, rate, settings.chunk_frames, error, nullptr);
+    if (!source) return false;
+    AudioWriter writer;
+    if (!audio_writer_open(writer, out_path, rate, 2, format, error)) return false;
+    const auto chunk = static_cast<int64_t>(std::max<size_t>(settings.chunk_frames, 1));
+    std::vector<uint8_t> buf(static_cast<size_t>(chunk) * 2 * audio_sample_bytes(format));
+    for (;;) {
+        if (settings.cancelled && settings.cancelled()) {
+            error = "cancelled";
+            return false;
+        }
+        const int64_t got = source(buf.data(), chunk, error);
+        if (got < 0) return false;
+        if (got == 0) break;
+        if (!audio_writer_write(writer, buf.data(), got, error)) return false;
+    }
     return audio_writer_commit(writer, error);
 }
 

@@ -44,6 +44,12 @@ bool effect_run_file(const EffectLibrary &lib, AudioReader &reader, SampleFormat
                      const std::string &out_path, const RunSettings &settings, RunReport &report,
                      std::string &error);
 
+/* The same file as effect_run_file hands it to the effect (stereo, `format`, resampled to `rate`
+   when needed), written to `out_path` without the effect: the original a run lines up with,
+   sample for sample. Only `chunk_frames` and `cancelled` of the settings are used. */
+bool file_run_original(AudioReader &reader, SampleFormat format, int rate, const std::string &out_path,
+                       const RunSettings &settings, std::string &error);
+
 }  // namespace sorn_tool
 
 #endif

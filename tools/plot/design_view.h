@@ -98,6 +98,10 @@ std::vector<std::string> design_warnings_shown(const DesignView &view, const Tun
 bool design_view_run(const EffectLibrary &lib, const sorn_hp_params_t &p, int rate, DesignView &view,
                      std::string &error, const TuningTarget *target = nullptr);
 
+/* The lines `design` prints for a view: requested, achieved (and target) at ten octave points,
+   the largest deviation and, with a target, the RMS error against it. */
+std::string design_summary(const DesignView &v, const std::string &name, const TuningTarget *target = nullptr);
+
 }  // namespace sorn_tool
 
 #endif
