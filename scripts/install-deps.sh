@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs the Debian packages this project builds, tests and runs with.
+# Installs the Debian packages this project builds, tests and runs with, then the npm packages
+# package-lock.json pins (the studio page's plotting library, embedded in sorn-hp at build time).
 # Idempotent: prints nothing and touches nothing when every package is present.
 # Usage: scripts/install-deps.sh [extra-package ...]
 set -euo pipefail
@@ -8,10 +9,14 @@ packages=(
   build-essential clang cmake ninja-build pkg-config
   android-liblog-dev android-libbase-dev
   libkissfft-dev libfftw3-dev
+  chromium chromium-driver python3-selenium
   libgtest-dev libgmock-dev libbenchmark-dev
   libsndfile1-dev libsoxr-dev nlohmann-json3-dev libcli11-dev gnuplot-nox libxml2-utils time
   "$@"
 )
+# npm comes with Debian's nodejs package, or with the node a machine already has (which may
+# conflict with Debian's npm package): only ask for them when there is no npm at all.
+command -v npm >/dev/null || packages+=(nodejs npm)
 
 # A package counts as present when it is installed for the architecture asked for: the one in
 # its name (name:arm64), else this machine's own or "all". Multiarch packages may be installed
@@ -34,16 +39,24 @@ missing=()
 for p in "${packages[@]}"; do
   installed "$p" || missing+=("$p")
 done
-[[ ${#missing[@]} -eq 0 ]] && exit 0
-
-if [[ $(id -u) -ne 0 ]]; then
-  if command -v sudo >/dev/null; then SUDO=sudo; else
-    echo "install-deps: missing packages (${missing[*]}); run as root" >&2; exit 1
+if [[ ${#missing[@]} -gt 0 ]]; then
+  if [[ $(id -u) -ne 0 ]]; then
+    if command -v sudo >/dev/null; then SUDO=sudo; else
+      echo "install-deps: missing packages (${missing[*]}); run as root" >&2; exit 1
+    fi
+  else
+    SUDO=
   fi
-else
-  SUDO=
+  echo "install-deps: installing ${missing[*]}" >&2
+  export DEBIAN_FRONTEND=noninteractive
+  $SUDO apt-get update -qq >/dev/null
+  $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 fi
-echo "install-deps: installing ${missing[*]}" >&2
-export DEBIAN_FRONTEND=noninteractive
-$SUDO apt-get update -qq >/dev/null
-$SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+
+# npm ci rebuilds node_modules from the lock file; run it only when node_modules is missing or
+# older than the lock file (npm ci leaves its own record, node_modules/.package-lock.json).
+cd "$(dirname "$0")/.."
+if [[ ! -f node_modules/.package-lock.json || package-lock.json -nt node_modules/.package-lock.json ]]; then
+  echo "install-deps: npm ci" >&2
+  npm ci --no-audit --no-fund --loglevel=error >/dev/null
+fi
