@@ -83,6 +83,7 @@ TEST(ToolTuning, MistakesGiveOneMessageNamingFileFieldAndProblem) {
         {"{\"target\": {\"points\": [[100, 1], [50, 2]]}}", {"target.points: point 2", "increasing"}},
         {"{\"target\": {\"points\": [[100, 1]], \"level_offset_db\": \"+3\"}}", {"target.level_offset_db", "number"}},
         {"{\n  \"lc\": {\n    \"enabled\": tru\n  }\n}", {"not valid JSON", "line 3"}},
+        {grp("hp", "\"enabled\": true, \"points\": [[100, 1e999]]"), {"not valid JSON", "overflow", "1e999"}},
     };
     for (const auto &c : cases) {
         TuningResult t = tuning_from_json(c.json, "my.json");

@@ -373,6 +373,13 @@ TuningResult tuning_from_json(const std::string &text, const std::string &source
         r.error = source + ": not valid JSON near line " + std::to_string(line) + ", column " +
                   std::to_string(column + 1) + ": " + (colon == std::string::npos ? what : what.substr(colon + 2));
         return r;
+    } catch (const json::out_of_range &e) {
+        // A number too large for a double (1e999): the parser refuses it rather than make it
+        // infinite.
+        const std::string what = e.what();
+        const auto bracket = what.find("] ");
+        r.error = source + ": not valid JSON: " + (bracket == std::string::npos ? what : what.substr(bracket + 2));
+        return r;
     }
     if (!dup.duplicate.empty()) {
         r.error = source + ": " + dup.duplicate + ": given twice";
