@@ -28,20 +28,25 @@ CHROMIUM_FLAGS = ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic
 
 def write_wav(path, seconds, rate=48000):
     """A 16-bit stereo test programme: a log sweep on the left, a chord on the right, with a slow
-    level swell so both the filter and the dynamics have work."""
-    frames = int(seconds * rate)
-    out = bytearray()
-    for n in range(frames):
+    level swell so both the filter and the dynamics have work. Longer files repeat a 10 s piece."""
+    period = min(seconds, 10.0)
+    piece = bytearray()
+    octaves = 9 / period
+    for n in range(int(period * rate)):
         t = n / rate
         swell = 0.25 + 0.2 * math.sin(2 * math.pi * 0.5 * t)
-        sweep = math.sin(2 * math.pi * 30 * (2 ** (t * 9 / max(seconds, 1)) - 1) / (math.log(2) * 9 / max(seconds, 1)))
+        sweep = math.sin(2 * math.pi * 30 * (2 ** (t * octaves) - 1) / (math.log(2) * octaves))
         chord = sum(math.sin(2 * math.pi * f * t) for f in (220.0, 277.2, 329.6)) / 3
-        out += struct.pack('<hh', int(32767 * swell * sweep), int(32767 * swell * chord))
+        piece += struct.pack('<hh', int(32767 * swell * sweep), int(32767 * swell * chord))
+    frames = int(seconds * rate)
     with wave.open(path, 'wb') as w:
         w.setnchannels(2)
         w.setsampwidth(2)
         w.setframerate(rate)
-        w.writeframes(bytes(out))
+        whole, rest = divmod(frames, len(piece) // 4)
+        for _ in range(whole):
+            w.writeframes(piece)
+        w.writeframes(piece[:4 * rest])
 
 
 class Studio:
