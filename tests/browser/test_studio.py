@@ -63,6 +63,7 @@ class StudioPage(unittest.TestCase):
         # Each test starts from the same tuning with a fresh page and an empty history.
         status, _, body = self.studio.change('PUT', '/api/tuning', self.start_tuning)
         self.assertEqual(status, 200, body)
+        self.browser.console_errors()  # what earlier tests left in the log
         self.browser.driver.get('about:blank')
         self.browser.open(self.studio.url)
         self.browser.js('sessionStorage.clear()')
@@ -133,7 +134,7 @@ class StudioPage(unittest.TestCase):
             with self.subTest(typed=typed):
                 cell = d.find_elements(By.CSS_SELECTOR, '#ea-table tbody input.gain')[2]
                 before = self.table('ea')
-                cell.clear()
+                cell.send_keys(Keys.CONTROL, 'a')
                 cell.send_keys(typed, Keys.TAB)
                 b.wait(f"document.getElementById('status').textContent.includes({json.dumps(shown)})")
                 err = 'error' in d.find_element(By.ID, 'status').get_attribute('class')

@@ -345,7 +345,10 @@ function yRange() {
   const lim = limits();
   let lo = -12, hi = 12;
   const c = page.state && page.state.curve;
-  const take = (arr) => { if (arr) for (const v of arr) if (v != null && isFinite(v)) { lo = Math.min(lo, v); hi = Math.max(hi, v); } };
+  // Above 20 kHz the design falls away steeply; that fall would squash the range that matters.
+  const take = (arr) => {
+    if (arr) arr.forEach((v, i) => { if (v != null && isFinite(v) && c.freq[i] <= 20000) { lo = Math.min(lo, v); hi = Math.max(hi, v); } });
+  };
   if (c) { take(c.achieved); take(c.requested); take(c.target); take(c.error); }
   if (page.tuning) for (const g of GROUPS) for (const p of (page.tuning[g] || {}).points || []) { lo = Math.min(lo, p[1]); hi = Math.max(hi, p[1]); }
   lo = Math.max(lim.gainMin, Math.floor((lo - 2) / 3) * 3);
