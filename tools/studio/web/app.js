@@ -30,6 +30,12 @@ const page = {
 
 // ---------------------------------------------------------------- status line
 
+// What the server did on the reader's behalf with the last accepted tuning (e.g. resampling).
+function withNotes(text) {
+  const n = page.state && page.state.notes;
+  return Array.isArray(n) && n.length ? `${text}; ${n.join('; ')}` : text;
+}
+
 function status(text, isError) {
   const el = $('status');
   el.textContent = text;
@@ -173,7 +179,7 @@ async function edit(next, what) {
     page.past.push(before);
     page.future = [];
     applyState(s);
-    status(what ? `${what} (revision ${s.revision})` : `revision ${s.revision}`);
+    status(withNotes(`${what} (revision ${s.revision})`));
   } catch (e) {
     status(e.message, true);
     page.tuning = clone(page.state.tuning);
@@ -191,7 +197,7 @@ async function undoRedo(from, to, word) {
     const s = await putTuning(target);
     to.push(current);
     applyState(s);
-    status(`${word} (revision ${s.revision})`);
+    status(withNotes(`${word} (revision ${s.revision})`));
   } catch (e) {
     from.push(target);
     status(e.message, true);
@@ -234,7 +240,7 @@ function finishDrag() {
   if (!same(drag.before, page.state.tuning)) {
     page.past.push(drag.before);
     page.future = [];
-    status(`moved a point (revision ${page.state.revision})`);
+    status(withNotes(`moved a point (revision ${page.state.revision})`));
   }
   drag.before = null;
   page.tuning = clone(page.state.tuning);
@@ -660,7 +666,6 @@ function applyState(s, opts = {}) {
     const pts = ((page.tuning[page.selected.group]) || {}).points || [];
     if (page.selected.index >= pts.length) page.selected = null;
   }
-  if (Array.isArray(s.notes) && s.notes.length) status(s.notes.join('; '));
   render();
   listenStaleCheck();
 }
@@ -975,7 +980,7 @@ async function start() {
     fillSelect($('device'), s.devices || FALLBACK_DEVICES, 'wired-headphone');
     fillSelect($('format'), s.formats || FALLBACK_FORMATS, 'float');
     updateHistoryButtons();
-    status(`ready: revision ${s.revision}, designed at ${s.rate} Hz`);
+    status(withNotes(`ready: revision ${s.revision}, designed at ${s.rate} Hz`));
   } catch (e) {
     status(`cannot reach the studio: ${e.message}`, true);
   }
