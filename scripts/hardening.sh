@@ -111,9 +111,9 @@ fuzz_runs=()
 run_fuzz() {
     CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DSORN_FUZZ=ON \
         -DSORN_SANITIZE=address,undefined >/dev/null || return 1
-    cmake --build build-fuzz -j "$JOBS" --target fuzz_framework fuzz_params fuzz_process_float || return 1
+    cmake --build build-fuzz -j "$JOBS" --target fuzz_framework fuzz_params fuzz_process_float fuzz_studio || return 1
     local rc=0 name exe reg dict out runs
-    for name in framework params process_float; do
+    for name in framework params process_float studio; do
         exe=build-fuzz/fuzz/fuzz_$name
         reg=(fuzz/regressions/$name/*)
         if [[ -e "${reg[0]}" ]]; then

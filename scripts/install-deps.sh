@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs the Debian packages this project builds, tests and runs with, then the npm packages
-# package-lock.json pins (the studio page's plotting library, embedded in sorn-hp at build time).
+# Installs the Debian packages this project builds, tests and runs with, then the npm packages of
+# package-lock.json (the studio page's plotting library) into node_modules/ with `npm ci`.
 # Idempotent: prints nothing and touches nothing when every package is present.
 # Usage: scripts/install-deps.sh [extra-package ...]
 set -euo pipefail
@@ -12,10 +12,10 @@ packages=(
   chromium chromium-driver python3-selenium
   libgtest-dev libgmock-dev libbenchmark-dev
   libsndfile1-dev libsoxr-dev nlohmann-json3-dev libcli11-dev gnuplot-nox libxml2-utils time
+  libcpp-httplib-dev
   "$@"
 )
-# npm comes with Debian's nodejs package, or with the node a machine already has (which may
-# conflict with Debian's npm package): only ask for them when there is no npm at all.
+# npm comes with Node.js from some sources; Debian packages it on its own.
 command -v npm >/dev/null || packages+=(nodejs npm)
 
 # A package counts as present when it is installed for the architecture asked for: the one in
@@ -39,24 +39,31 @@ missing=()
 for p in "${packages[@]}"; do
   installed "$p" || missing+=("$p")
 done
-if [[ ${#missing[@]} -gt 0 ]]; then
-  if [[ $(id -u) -ne 0 ]]; then
-    if command -v sudo >/dev/null; then SUDO=sudo; else
-      echo "install-deps: missing packages (${missing[*]}); run as root" >&2; exit 1
-    fi
-  else
-    SUDO=
-  fi
-  echo "install-deps: installing ${missing[*]}" >&2
-  export DEBIAN_FRONTEND=noninteractive
-  $SUDO apt-get update -qq >/dev/null
-  $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+
+# The npm packages, once for each version of the lockfile.
+npm_packages() {
+  local root stamp
+  root=$(cd "$(dirname "$0")/.." && pwd)
+  stamp=$root/node_modules/.package-lock.json
+  [[ -f "$stamp" && ! "$root/package-lock.json" -nt "$stamp" ]] && return 0
+  echo "install-deps: installing the npm packages of package-lock.json" >&2
+  (cd "$root" && npm ci --no-audit --no-fund --loglevel=error >/dev/null)
+}
+
+if [[ ${#missing[@]} -eq 0 ]]; then
+  npm_packages
+  exit
 fi
 
-# npm ci rebuilds node_modules from the lock file; run it only when node_modules is missing or
-# older than the lock file (npm ci leaves its own record, node_modules/.package-lock.json).
-cd "$(dirname "$0")/.."
-if [[ ! -f node_modules/.package-lock.json || package-lock.json -nt node_modules/.package-lock.json ]]; then
-  echo "install-deps: npm ci" >&2
-  npm ci --no-audit --no-fund --loglevel=error >/dev/null
+if [[ $(id -u) -ne 0 ]]; then
+  if command -v sudo >/dev/null; then SUDO=sudo; else
+    echo "install-deps: missing packages (${missing[*]}); run as root" >&2; exit 1
+  fi
+else
+  SUDO=
 fi
+echo "install-deps: installing ${missing[*]}" >&2
+export DEBIAN_FRONTEND=noninteractive
+$SUDO apt-get update -qq >/dev/null
+$SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+npm_packages

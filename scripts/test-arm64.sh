@@ -15,7 +15,8 @@ if ! dpkg --print-foreign-architectures | grep -qx arm64; then
 fi
 scripts/install-deps.sh g++-aarch64-linux-gnu qemu-user \
   libc6:arm64 libstdc++6:arm64 android-liblog-dev:arm64 android-libbase-dev:arm64 \
-  libkissfft-dev:arm64 libfftw3-dev:arm64 libgtest-dev:arm64 libsndfile1-dev:arm64 libsoxr-dev:arm64
+  libkissfft-dev:arm64 libfftw3-dev:arm64 libgtest-dev:arm64 libsndfile1-dev:arm64 libsoxr-dev:arm64 \
+  libcpp-httplib-dev:arm64
 
 werror=OFF
 [[ "${CI:-}" == "true" ]] && werror=ON

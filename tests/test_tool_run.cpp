@@ -62,7 +62,7 @@ TEST_F(ToolFileRun, StreamedRunMatchesTheLibraryDrivenDirectly) {
         AudioReader reader;
         std::string error;
         ASSERT_TRUE(audio_reader_open(reader, at("in.wav"), c.format, error)) << error;
-        RunSettings s{params, c.bypass, c.device, AUDIO_MODE_NORMAL, c.call, c.chunk, {}};
+        RunSettings s{params, c.bypass, c.device, AUDIO_MODE_NORMAL, c.call, c.chunk, {}, {}};
         RunReport report;
         ASSERT_TRUE(effect_run_file(library(), reader, c.format, c.rate, at("out.wav"), s, report, error)) << error;
         AudioBuffer in, out, src, dst;
@@ -124,7 +124,7 @@ TEST_F(ToolFileRun, RateOptionAndFilesCutShort) {
             AudioBuffer tool_out, want;
             std::string error;
             const RunSettings s{tuning_from_json(builtin_tuning_json(), "built-in").params, false,
-                                AUDIO_DEVICE_OUT_USB_HEADSET, AUDIO_MODE_NORMAL, 100, 16384, {}};
+                                AUDIO_DEVICE_OUT_USB_HEADSET, AUDIO_MODE_NORMAL, 100, 16384, {}, {}};
             ASSERT_TRUE(audio_reader_open(reader, at(c.name), SampleFormat::f32, error) &&
                         effect_run_file(library(), reader, SampleFormat::f32, 48000, at("want.wav"), s, report, error) &&
                         audio_read(at("want.wav"), SampleFormat::f32, want, error) &&

@@ -36,7 +36,8 @@ struct EffectLibrary {
     effect_descriptor_t descriptor{};
 };
 
-/* Loads and checks; on failure returns false with `error` set and nothing left open. */
+/* Loads and checks; on failure returns false with `error` set and nothing left open. An empty
+   path takes the library linked into this program. */
 bool effect_library_open(const std::string &path, EffectLibrary &lib, std::string &error);
 void effect_library_close(EffectLibrary &lib);
 void *effect_library_symbol(const EffectLibrary &lib, const char *name);

@@ -125,6 +125,10 @@ bool effect_run_stream(const EffectLibrary &lib, int rate, SampleFormat format, 
     bool ended = false;
     std::chrono::steady_clock::duration busy{};
     while (!ended || fed < read + latency) {
+        if (settings.cancelled && settings.cancelled()) {
+            error = "cancelled";
+            return false;
+        }
         int64_t have = 0;
         while (!ended && have < chunk) {
             const int64_t got = source(src.data() + have * frame_bytes, chunk - have, error);

@@ -44,6 +44,7 @@ struct RunSettings {
     size_t frames_per_call = 240;
     size_t chunk_frames = 16384; /* frames read, processed and written at a time (whole calls) */
     std::function<void(double done)> progress; /* 0..1, called between chunks; 1 at the end */
+    std::function<bool()> cancelled;           /* asked between chunks: true ends the run with an error */
 };
 
 /* Fills `dst` with up to `frames` stereo frames of the run's format and returns how many; 0 at

@@ -48,9 +48,12 @@ struct Fitter {
     std::vector<double> bins; /* the design's FFT bins */
     std::vector<double> achieved;
     int designs = 0;
+    const FitProgress *progress = nullptr;
+    bool stopped = false; /* the caller asked to stop: every candidate is refused from then on */
 
     /* RMS of achieved minus target after the best offset; +inf when the sum leaves the window. */
     double cost(const Tables &t) {
+        if (stopped) return INFINITY;
         const sorn_hp_params_t p = to_params(t);
         std::vector<double> sum(bins.size(), 0.0);
         for (Group g : kGroups) {
@@ -69,6 +72,7 @@ struct Fitter {
         int32_t taps[ORLA_FIR_TAPS];
         designer_taps(designer, p, taps);
         ++designs;
+        if (progress && *progress && !(*progress)(designs)) stopped = true;
         response_grid_db(grid, taps, achieved);
         double m = 0.0, s2 = 0.0;
         for (size_t i = 0; i < freq.size(); ++i) m += achieved[i] - target[i];
@@ -119,8 +123,8 @@ std::vector<double> fit_grid_hz(int rate) {
 }
 
 FitResult eq_fit(Designer &designer, const Interpolant &interp, const std::vector<double> &freq_hz,
-                 const std::vector<double> &target_db) {
-    Fitter fit{designer, interp, freq_hz, target_db, response_grid(freq_hz, designer.rate), {}, {}, 0};
+                 const std::vector<double> &target_db, const FitProgress &progress) {
+    Fitter fit{designer, interp, freq_hz, target_db, response_grid(freq_hz, designer.rate), {}, {}, 0, &progress};
     for (int k = 0; k < 512; ++k) fit.bins.push_back(double(static_cast<float>(k) * static_cast<float>(designer.rate) * 0.0009765625f));
 
     // 1. The window: the target moved to fit -6..+7 dB as well as it can.

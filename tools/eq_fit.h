@@ -36,6 +36,7 @@
 #ifndef SORN_TOOLS_EQ_FIT_H
 #define SORN_TOOLS_EQ_FIT_H
 
+#include <functional>
 #include <vector>
 
 #include "tools/design_view.h"
@@ -57,8 +58,13 @@ struct FitResult {
     std::vector<double> achieved_db; /* on the grid */
 };
 
+/* Called after each design with the number made so far (at most kMaxDesigns); returning false
+   stops the fit: it then returns soon, with a result not to be used. The callback only watches,
+   so a fit that runs to its end gives the same result with or without it. */
+using FitProgress = std::function<bool(int designs)>;
+
 FitResult eq_fit(Designer &designer, const Interpolant &interp, const std::vector<double> &freq_hz,
-                 const std::vector<double> &target_db);
+                 const std::vector<double> &target_db, const FitProgress &progress = {});
 
 }  // namespace sorn_tool
 
