@@ -150,7 +150,7 @@ class Browser:
 
     def idle(self):
         """Waits until no edit is on its way to the server."""
-        self.wait('!studio.drag.busy && !studio.drag.active && studio.drag.latest === null')
+        self.wait('!studio.drag.busy && !studio.drag.active && studio.drag.latest === null && studio.drag.before === null')
 
     def console_errors(self):
         return [e for e in self.driver.get_log('browser') if e['level'] == 'SEVERE']

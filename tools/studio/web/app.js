@@ -140,14 +140,17 @@ function placePoint(points, i, freq, gain) {
 
 // ---------------------------------------------------------------- edits and history
 
-let putChain = Promise.resolve();
+let chain = Promise.resolve();
 
-// PUTs are sent one at a time, in order.
-function putTuning(t) {
-  const p = putChain.then(() => request('PUT', '/api/tuning', t));
-  putChain = p.catch(() => {});
+// Runs the steps that send a tuning one after another, in the order they were asked for, so each
+// starts from the tuning the one before left.
+function serial(step) {
+  const p = chain.then(step);
+  chain = p.catch(() => {});
   return p;
 }
+
+const putTuning = (t) => serial(() => request('PUT', '/api/tuning', t));
 
 function saveHistory() {
   try {
@@ -172,38 +175,45 @@ function updateHistoryButtons() {
 }
 
 // One edit: sends the new tuning; when the server accepts it, the tuning before becomes an undo step.
-async function edit(next, what) {
-  const before = clone(page.state.tuning);
-  try {
-    const s = await putTuning(next);
-    page.past.push(before);
-    page.future = [];
-    applyState(s);
-    status(withNotes(`${what} (revision ${s.revision})`));
-  } catch (e) {
-    status(e.message, true);
-    page.tuning = clone(page.state.tuning);
-    render();
-  }
-  updateHistoryButtons();
-  saveHistory();
+function edit(next, what) {
+  return serial(async () => {
+    const before = clone(page.state.tuning);
+    try {
+      const s = await request('PUT', '/api/tuning', next);
+      page.past.push(before);
+      page.future = [];
+      applyState(s);
+      status(withNotes(`${what} (revision ${s.revision})`));
+    } catch (e) {
+      status(e.message, true);
+      page.tuning = clone(page.state.tuning);
+      render();
+    }
+    updateHistoryButtons();
+    saveHistory();
+  });
 }
 
+// Undo and redo move the current tuning between the two stacks; a drag still under way finishes first.
 async function undoRedo(from, to, word) {
-  if (from.length === 0) return;
-  const target = from.pop();
-  const current = clone(page.state.tuning);
-  try {
-    const s = await putTuning(target);
-    to.push(current);
-    applyState(s);
-    status(withNotes(`${word} (revision ${s.revision})`));
-  } catch (e) {
-    from.push(target);
-    status(e.message, true);
-  }
-  updateHistoryButtons();
-  saveHistory();
+  if (drag.active) return;
+  if (drag.settled) await drag.settled;
+  return serial(async () => {
+    if (from.length === 0) return;
+    const target = from.pop();
+    const current = clone(page.state.tuning);
+    try {
+      const s = await request('PUT', '/api/tuning', target);
+      to.push(current);
+      applyState(s);
+      status(withNotes(`${word} (revision ${s.revision})`));
+    } catch (e) {
+      from.push(target);
+      status(e.message, true);
+    }
+    updateHistoryButtons();
+    saveHistory();
+  });
 }
 
 const undo = () => undoRedo(page.past, page.future, 'undone');
@@ -213,7 +223,7 @@ const redo = () => undoRedo(page.future, page.past, 'redone');
 
 // A drag sends the tuning as it moves; while a request is out only the latest position waits, so
 // the curve follows the pointer as fast as the server designs. The whole drag is one undo step.
-const drag = {active: null, before: null, latest: null, busy: false, since: null};
+const drag = {active: null, before: null, latest: null, busy: false, since: null, settled: null, settle: null};
 
 async function pumpDrag() {
   if (drag.busy) return;
@@ -243,6 +253,8 @@ function finishDrag() {
     status(withNotes(`moved a point (revision ${page.state.revision})`));
   }
   drag.before = null;
+  drag.settle();
+  drag.settled = null;
   page.tuning = clone(page.state.tuning);
   render();
   updateHistoryButtons();
@@ -413,7 +425,10 @@ function hookPointer(u) {
     over.setPointerCapture(e.pointerId);
     page.selected = hit;
     drag.active = hit;
-    if (!drag.before) drag.before = clone(page.state.tuning);
+    if (!drag.before) {
+      drag.before = clone(page.state.tuning);
+      drag.settled = new Promise((resolve) => { drag.settle = resolve; });
+    }
     drawMarkersOnly();
     highlightRow();
   });
