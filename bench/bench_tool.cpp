@@ -8,14 +8,15 @@
 #include <random>
 #include <string>
 
-#include "tools/builtin_tuning.h"
-#include "tools/demo_program.h"
-#include "tools/design_view.h"
-#include "tools/effect_run.h"
-#include "tools/eq_fit.h"
-#include "tools/eq_import.h"
-#include "tools/graphiceq.h"
-#include "tools/tuning.h"
+#include "tools/files/builtin_tuning.h"
+#include "tools/files/tuning.h"
+#include "tools/fit/eq_fit.h"
+#include "tools/fit/eq_import.h"
+#include "tools/fit/graphiceq.h"
+#include "tools/fit/import_fit.h"
+#include "tools/host/demo_program.h"
+#include "tools/host/effect_run.h"
+#include "tools/plot/design_view.h"
 
 namespace {
 
@@ -94,16 +95,11 @@ const char *const kCorrections[] = {"Sennheiser HD 650 GraphicEQ.txt", "Sennheis
                                     "Sony WH-1000XM4 GraphicEQ.txt", "Sony WH-1000XM4 ParametricEQ.txt"};
 
 FitResult fit_curve(const ImportedCurve &c) {
-    Interpolant interp;
-    Designer d;
+    ImportFit r;
     std::string error;
     StdoutMuffle muffle(true);
-    if (!interpolant_from_library(library().lib, interp, error) || !designer_open(library().lib, 48000, d, error))
-        std::abort();
-    const std::vector<double> grid = fit_grid_hz(48000);
-    FitResult r = eq_fit(d, interp, grid, eq_import_on_grid(c, grid, 48000));
-    designer_close(d);
-    return r;
+    if (!import_fit(library().lib, c, "bench", 48000, false, r, error)) std::abort();
+    return r.fit;
 }
 
 // RMS of what the library designs for `p` at `rate` against the correction, after the best

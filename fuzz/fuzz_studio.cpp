@@ -23,7 +23,7 @@
 #include <nlohmann/json.hpp>
 
 #include "fuzz/fuzz_common.h"
-#include "tools/builtin_tuning.h"
+#include "tools/files/builtin_tuning.h"
 #include "tools/studio/studio.h"
 #include "tools/studio/studio_jobs.h"
 

@@ -1,9 +1,9 @@
 // End-to-end: the sorn-hp executable as a user runs it.
 #include "tests/test_effect_harness.h"
 #include "tests/tool_test_support.h"
-#include "tools/audio_file.h"
-#include "tools/builtin_tuning.h"
-#include "tools/tuning.h"
+#include "tools/files/audio_file.h"
+#include "tools/files/builtin_tuning.h"
+#include "tools/files/tuning.h"
 
 namespace {
 
@@ -99,6 +99,7 @@ TEST_F(ToolCli, ErrorsAndWarningsGiveTheirMessagesAndExitCodes) {
     spit(at("odd.bin"), std::string(100, '\0'));
     const std::string bad_freq = "bad.json: hp.points: point 3 [25000, 1]: frequency 25000 Hz is above 22000 Hz";
     spit(at("old.wav"), "old");
+    spit(at("huge.txt"), "GraphicEQ: 20 1; 50 1e30");
     const char *env_lib = "SORN_HP_LIB=/nonexistent/env.so";
     const struct { std::vector<std::string> args; int code; std::string message; const char *must_not_exist, *env = nullptr; } cases[] = {
         {{"run", "in.wav", "out.wav", "--tuning", "bad.json"}, 2, bad_freq, "out.wav"},
@@ -120,6 +121,8 @@ TEST_F(ToolCli, ErrorsAndWarningsGiveTheirMessagesAndExitCodes) {
         {{"import-graphiceq", "bad.json", "-o", "x.json"}, 2, "bad.json: not a GraphicEQ text", "x.json"},
         {{"import", "bad.json", "-o", "x.json"}, 2, "bad.json: not a correction", "x.json"},
         {{"import", "bad.json", "-o", "x.json", "--rate", "8000"}, 1, "--rate 8000", "x.json"},
+        {{"import", "huge.txt", "-o", "x.json"}, 2, "huge.txt: item 2 \"50 1e30\": gain 1e+30 dB is beyond +-60 dB", "x.json"},
+        {{"import-graphiceq", "huge.txt", "-o", "x.json"}, 2, "gain 1e+30 dB is beyond +-60 dB", "x.json"},
         // Not an error, but said loudly: the output is the input unchanged.
         {{"run", "slow.wav", "slow-out.wav"}, 0, "THE EFFECT DOES NOT PROCESS THIS RATE", nullptr},
         // An existing output needs -y; the environment names the library; --lib overrides it.

@@ -6,9 +6,9 @@
 #include <string>
 
 #include "design/cubic_interp.h"
-#include "tools/design_view.h"
-#include "tools/eq_import.h"
-#include "tools/graphiceq.h"
+#include "tools/fit/eq_import.h"
+#include "tools/fit/graphiceq.h"
+#include "tools/plot/design_view.h"
 
 namespace {
 
@@ -34,6 +34,7 @@ TEST(ToolImport, EveryFormatGivesTheCurveItDescribes) {
         {"# a comment: ignored\nDevice: X\nPreamp: -2 dB\nGraphicEQ: 20 1; 20000 1\nFilter 1: ON PK Fc 1000 Hz Gain 3 dB Q 2\n",
          "EqualizerAPO configuration", {{1000, 2}, {20, -1}}, 1},
         {"frequency,gain\n20,1\n200;-1\n2000\t3\n", "CSV", {{63.245553, 0}, {2000, 3}, {9000, 3}}, 0},
+        {"GraphicEQ: 20 -60; 20000 60", "GraphicEQ line", {{20, -60}, {20000, 60}}, 0},  // the gain limits
     };
     for (const auto &c : cases) {
         ImportedCurve r = eq_import_parse(c.text, "eq.txt");
@@ -50,7 +51,10 @@ TEST(ToolImport, MistakesNameTheFileTheLineAndTheProblem) {
         {"Filter 1: ON LP Fc 100 Hz", "eq.txt: line 1: filter type LP cannot be imported"},
         {"Preamp: 1 dB\nFilter 1: ON PK Fc 100 Hz Gain 3 dB", "line 2: Q missing"},
         {"Filter 1: ON PK Fc 0 Hz Gain 3 dB Q 1", "Fc must be above 0"},
-        {"Filter 1: ON HS Fc 9000 Hz Gain 1e9 dB", "Gain missing or beyond +-100 dB"},
+        {"Filter 1: ON HS Fc 9000 Hz Gain 1e9 dB", "line 1: gain 1e+09 dB is beyond +-60 dB"},
+        {"Preamp: 40 dB\nPreamp: 30 dB\nGraphicEQ: 20 1", "line 2 (the preamp lines added up): gain 70 dB is beyond"},
+        {"GraphicEQ: 20 1; 50 -60.5", "item 2 \"50 -60.5\": gain -60.5 dB is beyond +-60 dB"},
+        {"20,1\n30,1e30", "line 2: gain 1e+30 dB is beyond +-60 dB"},
         {"Filter 1: ON PK Fc 10 Hz Gain 3 dB Width 1", "cannot read \"Width 1\""},
         {"Filter 1: MAYBE PK", "expected ON or OFF"},
         {"Preamp: loud\nGraphicEQ: 20 1", "line 1: expected \"Preamp: X dB\""},

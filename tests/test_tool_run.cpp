@@ -4,9 +4,9 @@
 
 #include "tests/test_effect_harness.h"
 #include "tests/tool_test_support.h"
-#include "tools/builtin_tuning.h"
-#include "tools/file_run.h"
-#include "tools/tuning.h"
+#include "tools/files/builtin_tuning.h"
+#include "tools/files/tuning.h"
+#include "tools/host/file_run.h"
 
 namespace {
 

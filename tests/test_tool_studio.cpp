@@ -8,7 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tests/tool_test_support.h"
-#include "tools/builtin_tuning.h"
+#include "tools/files/builtin_tuning.h"
 #include "tools/studio/studio.h"
 
 namespace {

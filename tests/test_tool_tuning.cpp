@@ -5,8 +5,8 @@
 #include <random>
 #include <string>
 
-#include "tools/builtin_tuning.h"
-#include "tools/tuning.h"
+#include "tools/files/builtin_tuning.h"
+#include "tools/files/tuning.h"
 
 namespace {
 

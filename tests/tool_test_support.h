@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/audio_file.h"
+#include "tools/files/audio_file.h"
 
 namespace sorn_test {
 

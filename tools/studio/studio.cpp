@@ -12,7 +12,8 @@
 #include <filesystem>
 #include <fstream>
 
-#include "tools/audio_file.h"
+#include "tools/files/audio_file.h"
+#include "tools/fit/graphiceq.h"
 #include "tools/studio/studio_assets.h"
 #include "tools/studio/studio_jobs.h"
 
@@ -93,20 +94,13 @@ bool design_curves(Studio &s, const sorn_hp_params_t &p, const TuningTarget &tar
     return true;
 }
 
-/* Empty when a gain in dB is one the design takes, else what is wrong with it. */
-std::string gain_problem(double db) {
-    if (!std::isfinite(db)) return "gain is not a finite number";
-    if (std::fabs(db) > kEditMaxGainDb) return "gain beyond +-60 dB";
-    return {};
-}
-
 json limits_json() {
     json points = json::object();
     for (Group g : kGroups) points[group_name(g)] = group_points(g);
     return {{"freq_min", kEditMinHz},
             {"freq_max", std::min<double>(kMaxPointHz, kStudioRate / 2.0)},
-            {"gain_min", -kEditMaxGainDb},
-            {"gain_max", kEditMaxGainDb},
+            {"gain_min", -kMaxImportedGainDb},
+            {"gain_max", kMaxImportedGainDb},
             {"points", points},
             {"correction_bytes", kCorrectionLimit},
             {"audio_bytes", kAudioLimit}};
@@ -135,7 +129,7 @@ std::string edit_problem(const json &doc, const TuningResult &t) {
                                       std::to_string(group_gain(t.params, g)[i]) + "]";
             if (f < kEditMinHz || f > top)
                 return where + ": frequency outside 10 Hz to " + std::to_string(int(top)) + " Hz";
-            const std::string bad = gain_problem(gain);
+            const std::string bad = imported_gain_problem(gain);
             if (!bad.empty()) return where + ": " + bad;
         }
     }
@@ -143,7 +137,7 @@ std::string edit_problem(const json &doc, const TuningResult &t) {
         return "target.points: " + std::to_string(t.target.points.size()) + " points; at most " +
                std::to_string(kMaxTargetPoints);
     for (const CurvePoint &c : t.target.points) {
-        const std::string bad = gain_problem(c.gain_db);
+        const std::string bad = imported_gain_problem(c.gain_db);
         if (!bad.empty()) return "target.points: " + bad;
     }
     return {};
@@ -180,8 +174,9 @@ HttpResponse put_tuning(Studio &s, const std::string &text) {
 
 /* ---- audio entries -------------------------------------------------------------------------- */
 
-/* The --audio folder's regular files, by name; uploads stay. */
-void scan_audio(Studio &s) {
+}  // namespace
+
+void studio_scan_audio(Studio &s) {
     for (auto it = s.audio.begin(); it != s.audio.end();)
         it = it->second.uploaded ? std::next(it) : s.audio.erase(it);
     if (s.audio_dir.empty()) return;
@@ -194,19 +189,11 @@ void scan_audio(Studio &s) {
     }
 }
 
-/* A name fit to show: the upload's own file name without folders or control characters. */
-std::string entry_name(const std::string &given, uint64_t id) {
-    std::string base = given.substr(given.find_last_of("/\\") == std::string::npos ? 0 : given.find_last_of("/\\") + 1);
-    std::string clean;
-    for (char c : base)
-        if (static_cast<unsigned char>(c) >= 0x20 && c != 0x7f && clean.size() < 80) clean += c;
-    if (clean.empty()) clean = "audio";
-    return "upload " + std::to_string(id) + ": " + clean;
-}
+namespace {
 
 HttpResponse list_audio(Studio &s) {
     std::lock_guard<std::mutex> lock(s.mutex);
-    scan_audio(s);
+    studio_scan_audio(s);
     json entries = json::array();
     for (const auto &[name, e] : s.audio) {
         AudioReader reader;
@@ -262,7 +249,7 @@ HttpResponse post_audio(Studio &s, const HttpRequest &r) {
         std::filesystem::remove(path, ec);
         return studio_error(400, "not an audio file the studio reads: " + error.substr(path.size() + 2));
     }
-    const std::string name = entry_name(field_value(r.query, "name", false), id);
+    const std::string name = "upload " + std::to_string(id) + ": " + studio_shown_name(field_value(r.query, "name", false), "audio");
     std::lock_guard<std::mutex> lock(s.mutex);
     s.audio[name] = AudioEntry{path, true};
     return json_response({{"entry", name}});
@@ -332,6 +319,14 @@ HttpResponse route(Studio &s, const HttpRequest &r) {
 }
 
 }  // namespace
+
+std::string studio_shown_name(const std::string &given, const char *fallback) {
+    const auto slash = given.find_last_of("/\\");
+    std::string clean;
+    for (char c : given.substr(slash == std::string::npos ? 0 : slash + 1))
+        if (static_cast<unsigned char>(c) >= 0x20 && c != 0x7f && clean.size() < 80) clean += c;
+    return clean.empty() ? fallback : clean;
+}
 
 std::string field_value(const Fields &fields, const std::string &name, bool any_case) {
     for (const auto &f : fields)

@@ -37,9 +37,9 @@
 
 #include <nlohmann/json.hpp>
 
-#include "tools/design_view.h"
-#include "tools/effect_host.h"
-#include "tools/tuning.h"
+#include "tools/plot/design_view.h"
+#include "tools/host/effect_host.h"
+#include "tools/files/tuning.h"
 
 namespace sorn_tool {
 
@@ -68,7 +68,6 @@ inline constexpr size_t kCorrectionLimit = 1 << 20;       /* a correction upload
 inline constexpr size_t kAudioLimit = size_t{512} << 20;  /* an audio upload */
 inline constexpr int kStudioRate = 48000;                 /* the rate the studio designs at */
 inline constexpr double kEditMinHz = 10.0;                /* lowest point frequency an edit may set */
-inline constexpr double kEditMaxGainDb = 60.0;
 inline constexpr size_t kMaxTargetPoints = 4096;
 inline constexpr size_t kKeptRenders = 8;                 /* older renders are removed */
 
@@ -123,8 +122,15 @@ bool studio_request_allowed(const Studio &s, const HttpRequest &r, HttpResponse 
 
 HttpResponse studio_handle(Studio &s, const HttpRequest &r);
 
+/* Lists the --audio folder's files again (uploads stay). Call with s.mutex held. */
+void studio_scan_audio(Studio &s);
+
 /* A 4xx/5xx response with body {"error": message}. */
 HttpResponse studio_error(int status, const std::string &message);
+
+/* An uploaded file's name fit to show: no folders, no control characters, at most 80 bytes;
+   `fallback` when nothing is left. */
+std::string studio_shown_name(const std::string &given, const char *fallback);
 
 /* The value of a header (name in any case) or query field; empty when absent. */
 std::string field_value(const Fields &fields, const std::string &name, bool any_case);

@@ -14,7 +14,7 @@
 #include <functional>
 #include <string>
 
-#include "tools/tuning.h"
+#include "tools/files/tuning.h"
 
 namespace sorn_tool {
 
