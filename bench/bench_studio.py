@@ -53,8 +53,10 @@ def render_time(studio, browser, entry):
     browser.js("const s = document.getElementById('audio-entry'); s.value = arguments[0];", entry)
     start = time.monotonic()
     d.find_element(By.ID, 'render').click()
-    browser.wait("!document.getElementById('player').hidden && !document.getElementById('render').disabled",
-                 timeout=1200, step=0.05)
+    browser.wait("(!document.getElementById('player').hidden || document.getElementById('status').classList.contains('error'))"
+                 " && !document.getElementById('render').disabled", timeout=1200, step=0.05)
+    if 'error' in d.find_element(By.ID, 'status').get_attribute('class'):
+        raise RuntimeError('render: ' + d.find_element(By.ID, 'status').text)
     return time.monotonic() - start
 
 
