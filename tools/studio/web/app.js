@@ -347,13 +347,14 @@ function makePlot() {
       {label: 'requested', stroke: '#868e96', width: 1.5, dash: [6, 4]},
       {label: 'target', stroke: '#ae3ec9', width: 1.5},
       {label: 'error', stroke: '#f08c00', width: 1},
+      ...GROUPS.map((g) => ({label: g, stroke: GROUP_COLOURS[g] + '80', width: 1})),
     ],
     hooks: {
       draw: [(u) => { drawMarkers(u); onDrawn(); }],
       setCursor: [(u) => showReadout(u)],
     },
   };
-  const empty = [[20, 24000], [null, null], [null, null], [null, null], [null, null]];
+  const empty = [[20, 24000], ...Array.from({length: 7}, () => [null, null])];
   page.plot = new uPlot(opts, empty, $('plot'));
   hookPointer(page.plot);
   window.addEventListener('resize', () => page.plot.setSize(plotSize()));
@@ -377,7 +378,9 @@ function yRange() {
 function plotData(s) {
   const c = s.curve;
   const blank = c.freq.map(() => null);
-  return [c.freq, c.achieved, c.requested, c.target || blank, c.error || blank];
+  const groups = c.groups || {};
+  return [c.freq, c.achieved, c.requested, c.target || blank, c.error || blank,
+    ...GROUPS.map((g) => groups[g] || blank)];
 }
 
 function showReadout(u) {
@@ -800,7 +803,8 @@ async function startRender() {
     const result = await j.promise;
     status(`rendered ${entry}; decoding…`);
     await loadRendering(result);
-    status(`rendered ${entry} (revision ${result.revision})`);
+    const notes = Array.isArray(result.notes) && result.notes.length ? `; ${result.notes.join('; ')}` : '';
+    status(`rendered ${entry} (revision ${result.revision})${notes}`);
   } catch (e) {
     status(e.message === 'cancelled' ? 'rendering cancelled' : `render: ${e.message}`, e.message !== 'cancelled');
   } finally {
@@ -831,7 +835,7 @@ async function loadRendering(result) {
   listen.offset = Math.min(at, duration());
   $('player').hidden = false;
   $('seek').max = duration();
-  $('loudness-note').textContent = `original ${signed(listen.loudnessDb, 1)} dB when matched (the processed plays as rendered)`;
+  $('loudness-note').textContent = matchNote();
   listenStaleCheck();
   updateTime();
   if (wasPlaying) startSources();
@@ -875,10 +879,24 @@ function stopSources() {
   $('play').textContent = 'Play';
 }
 
+// loudness_match_db is RMS(processed) - RMS(original) in dB.
+function matchGains() {
+  if (!$('loudness').checked) return [1, 1];
+  const d = listen.loudnessDb;
+  return d > 0 ? [Math.pow(10, -d / 20), 1] : [1, Math.pow(10, d / 20)];
+}
+
+function matchNote() {
+  const d = listen.loudnessDb;
+  if (Math.abs(d) < 0.05) return 'the two play equally loud (RMS)';
+  return `loudness matched by RMS: the ${d > 0 ? 'processed' : 'original'} version plays ${Math.abs(d).toFixed(1)} dB lower`;
+}
+
 function setGains(now) {
   if (!listen.gainP) return;
-  const match = $('loudness').checked ? Math.pow(10, listen.loudnessDb / 20) : 1;
-  const p = listen.hearOriginal ? 0 : 1, o = listen.hearOriginal ? match : 0;
+  // Matching only ever lowers the louder of the two, so it cannot push either into clipping.
+  const [mp, mo] = matchGains();
+  const p = listen.hearOriginal ? 0 : mp, o = listen.hearOriginal ? mo : 0;
   const t = listen.ctx.currentTime;
   if (now) { listen.gainP.gain.value = p; listen.gainO.gain.value = o; return; }
   listen.gainP.gain.setTargetAtTime(p, t, 0.003);  // a 3 ms glide: instant to the ear, no click
