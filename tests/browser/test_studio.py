@@ -145,6 +145,14 @@ class StudioPage(unittest.TestCase):
                 else:
                     self.assertEqual(self.table('ea'), before)  # the refused value does not stay
                 self.assertEqual(self.state()['revision'], rev)
+        # From the keyboard on the plot: ] picks the next point, the up arrow raises it by 1 dB.
+        over = d.find_element(By.CSS_SELECTOR, '.u-over')
+        over.send_keys(']')
+        sel = b.js('return studio.page.selected')
+        point = f"studio.page.state.tuning.{sel['group']}.points[{sel['index']}]"
+        gain = b.js(f'return {point}[1]')
+        over.send_keys(Keys.ARROW_UP)
+        b.wait(f"{point}[1] === {gain + 1}")
         # A switch is an edit like any other, and undo takes it back.
         d.find_element(By.ID, 'hp-enabled').click()
         b.wait("studio.page.state.tuning.hp.enabled === false")
