@@ -70,8 +70,10 @@ class StudioPage(unittest.TestCase):
         self.browser.driver.refresh()
         self.browser.wait("document.getElementById('status').textContent.startsWith('ready')")
 
-    def page_status(self):
-        return self.browser.driver.find_element(By.ID, 'status').text
+    def tearDown(self):
+        # No script error in any test (refused requests show up as network entries: those are the
+        # status line's business, checked where they happen).
+        self.assertEqual([e for e in self.browser.console_errors() if e.get('source') != 'network'], [])
 
     def table(self, group):
         cells = self.browser.driver.find_elements(By.CSS_SELECTOR, f'#{group}-table tbody input')
@@ -167,6 +169,15 @@ class StudioPage(unittest.TestCase):
         offset = re.search(r'level offset\s+([+-][\d.]+) dB', printed).group(1)
         expected = f'RMS {m.group(1)} dB, largest {m.group(2)} dB at {m.group(3)} Hz, level offset {offset} dB'
 
+        # Cancelled as soon as it shows: the tuning stays as it was.
+        rev = self.state()['revision']
+        b.driver.find_element(By.ID, 'import-file').send_keys(CORRECTION)
+        b.wait("!document.getElementById('import-cancel').hidden")
+        b.driver.find_element(By.ID, 'import-cancel').click()
+        b.wait("document.getElementById('status').textContent.includes('cancelled')")
+        self.assertEqual(self.state()['revision'], rev)
+        self.assertEqual(b.driver.find_element(By.ID, 'import-figures').text, '')
+
         # Sample the progress bar while the fit runs.
         b.js("""window.seen = [];
                 window.sampler = setInterval(() => { const p = document.getElementById('import-progress');
@@ -189,7 +200,12 @@ class StudioPage(unittest.TestCase):
         d = b.driver
         b.drag_point('ea', 3, 0, -40)  # not the built-in tuning
         b.idle()
-        for select, value in (('audio-entry', 'programme.wav'), ('device', 'bt-a2dp'), ('format', '16')):
+        # The file goes up through the page; the --audio folder's file is listed beside it.
+        d.find_element(By.ID, 'audio-file').send_keys(os.path.join(self.audio, 'programme.wav'))
+        entry = b.wait("[...document.getElementById('audio-entry').options].map(o => o.value)"
+                       ".find(v => v !== 'programme.wav' && v.includes('programme.wav'))")
+        self.assertIn('programme.wav', b.js("return [...document.getElementById('audio-entry').options].map(o => o.value)"))
+        for select, value in (('audio-entry', entry), ('device', 'bt-a2dp'), ('format', '16')):
             d.execute_script('const s = document.getElementById(arguments[0]); s.value = arguments[1];'
                              's.dispatchEvent(new Event("change"))', select, value)
         d.find_element(By.ID, 'render').click()
