@@ -123,6 +123,10 @@ TEST_F(ToolCli, ErrorsAndWarningsGiveTheirMessagesAndExitCodes) {
         {{"import", "bad.json", "-o", "x.json", "--rate", "8000"}, 1, "--rate 8000", "x.json"},
         {{"import", "huge.txt", "-o", "x.json"}, 2, "huge.txt: item 2 \"50 1e30\": gain 1e+30 dB is beyond +-60 dB", "x.json"},
         {{"import-graphiceq", "huge.txt", "-o", "x.json"}, 2, "gain 1e+30 dB is beyond +-60 dB", "x.json"},
+        {{"studio", "bad.json", "--port", "0"}, 2, bad_freq, nullptr},
+        {{"studio", "odd.bin", "--port", "0"}, 2, "odd.bin: 100 bytes", nullptr},
+        {{"studio", "--port", "0", "--audio", "in.wav"}, 2, "in.wav: not a folder", nullptr},
+        {{"studio", "--port", "70000"}, 1, "--port must be 0 to 65535", nullptr},
         // Not an error, but said loudly: the output is the input unchanged.
         {{"run", "slow.wav", "slow-out.wav"}, 0, "THE EFFECT DOES NOT PROCESS THIS RATE", nullptr},
         // An existing output needs -y; the environment names the library; --lib overrides it.

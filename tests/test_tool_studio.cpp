@@ -1,8 +1,19 @@
 // sorn-hp studio: the request handling as the server and the fuzzer drive it, and the studio
 // command as a user starts it.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -38,11 +49,13 @@ protected:
         ToolDir::TearDown();
     }
 
+public:
     HttpResponse call(const std::string &method, const std::string &path, const std::string &body = "",
                       Fields headers = {{"Host", kOwn}, {"Origin", kOrigin}}, Fields query = {}) {
         HttpRequest r{method, path, std::move(query), std::move(headers), body, ""};
         return studio_handle(s, r);
     }
+protected:
     json state() { return json::parse(call("GET", "/api/state").body); }
     std::vector<std::string> private_files() {
         std::vector<std::string> names;
@@ -124,6 +137,13 @@ TEST_F(ToolStudio, RefusedRequestsChangeNothing) {
         for (const auto &h : r.headers) EXPECT_NE(0u, h.first.rfind("Access-Control", 0)) << c.what;
         EXPECT_EQ(files_before, private_files()) << c.what << " left a file behind";
     }
+    // An upload the server streamed to a file beyond the limit is refused and its file removed.
+    const std::string incoming = s.private_dir + "/incoming-1";
+    std::ofstream(incoming).close();
+    fs::resize_file(incoming, kAudioLimit + 1);
+    HttpRequest upload{"POST", "/api/audio", {}, {{"Host", kOwn}, {"Origin", kOrigin}}, "", incoming};
+    EXPECT_EQ(413, studio_handle(s, upload).status);
+    EXPECT_EQ(files_before, private_files());
     EXPECT_EQ(before, state());
     EXPECT_EQ(block_before, call("GET", "/api/export/params.bin").body);
 }
@@ -142,6 +162,7 @@ TEST_F(ToolStudio, EditsFromEachLoopbackNameAreDesigned) {
         const json st = json::parse(r.body);
         EXPECT_EQ(first + ++n, st["revision"]);
         EXPECT_EQ(t["hp"]["points"], st["tuning"]["hp"]["points"]);
+        EXPECT_EQ(0u, st["summary"].get<std::string>().rfind("sorn-hp design: the studio's tuning at 48000 Hz", 0));
         const auto &freq = st["curve"]["freq"];
         ASSERT_EQ(freq.size(), st["curve"]["achieved"].size());
         // Near 1 kHz the achieved response follows the point that moved.
@@ -166,6 +187,130 @@ TEST_F(ToolStudio, ExportsMatchTheCommandLine) {
     const auto r = tool({"params", "t.json", "-o", "p.bin"});
     ASSERT_EQ(0, r.code) << r.err;
     EXPECT_EQ(sorn_test::slurp(at("p.bin")), block.body);
+}
+
+// Waits for a job to end and returns its record.
+json finish(ToolStudio &t, const std::string &id);
+
+// A rendering is the very file `run` writes for the same tuning, options and file, and its
+// original lines up with it; an import gives the tuning `import` writes for the same file. A
+// job cancelled right away ends cancelled and leaves no file behind.
+TEST_F(ToolStudio, JobsGiveWhatTheCommandsWrite) {
+    write_signal("song.wav", 48000, 1, 0.5);
+    json t = json::parse(builtin_tuning_json());
+    t["surround"] = false;
+    ASSERT_EQ(200, call("PUT", "/api/tuning", t.dump()).status);
+    std::ofstream(at("t.json"), std::ios::binary) << t.dump();
+
+    const std::string correction = SORN_HP_CORRECTIONS "/Sennheiser HD 650 ParametricEQ.txt";
+    const HttpResponse import = call("POST", "/api/import", sorn_test::slurp(correction), {{"Host", kOwn}, {"Origin", kOrigin}},
+                                     {{"name", "hd650.txt"}});
+    ASSERT_EQ(200, import.status) << import.body;
+    const HttpResponse render = call("POST", "/api/render", R"({"entry": "song.wav", "device": "usb-headset", "format": "16"})");
+    ASSERT_EQ(200, render.status) << render.body;
+
+    const json rendered = finish(*this, json::parse(render.body)["job"]);
+    ASSERT_EQ("done", rendered["state"]) << rendered.dump();
+    const auto r = tool({"run", "song.wav", "cli.wav", "--tuning", "t.json", "--device", "usb-headset", "--format", "16"});
+    ASSERT_EQ(0, r.code) << r.err;
+    const HttpResponse processed = call("GET", rendered["result"]["processed"], "", {{"Host", kOwn}});
+    const HttpResponse original = call("GET", rendered["result"]["original"], "", {{"Host", kOwn}});
+    ASSERT_EQ(200, processed.status);
+    EXPECT_EQ(sorn_test::slurp(at("cli.wav")), sorn_test::slurp(processed.file));
+    sorn_tool::AudioBuffer in, orig;
+    std::string error;
+    ASSERT_TRUE(audio_read(at("song.wav"), SampleFormat::s16, in, error) &&
+                audio_read(original.file, SampleFormat::s16, orig, error)) << error;
+    ASSERT_EQ(in.frames, orig.frames);
+    for (int64_t k = 0; k < in.frames; k += 997) EXPECT_EQ(in.s16[k], orig.s16[2 * k + 1]) << k;
+
+    const json imported = finish(*this, json::parse(import.body)["job"]);
+    ASSERT_EQ("done", imported["state"]) << imported.dump();
+    std::ofstream(at("hd650.txt"), std::ios::binary) << sorn_test::slurp(correction);
+    const auto i = tool({"import", "hd650.txt", "-o", "cli.json"});
+    ASSERT_EQ(0, i.code) << i.err;
+    EXPECT_EQ(json::parse(sorn_test::slurp(at("cli.json"))), imported["result"]["tuning"]);
+    const std::string report = imported["result"]["report"];
+    const std::string figures = i.out.substr(i.out.find("  level offset"));
+    EXPECT_NE(std::string::npos, report.find(figures)) << report << "\nvs\n" << i.out;
+
+    size_t files = private_files().size();
+    for (const char *path : {"/api/import", "/api/render"}) {
+        const HttpResponse started = path[5] == 'i' ? call("POST", path, sorn_test::slurp(correction))
+                                                    : call("POST", path, R"({"entry": "song.wav"})");
+        ASSERT_EQ(200, started.status) << started.body;
+        const std::string id = json::parse(started.body)["job"];
+        EXPECT_EQ(200, call("DELETE", "/api/jobs/" + id).status);
+        const json job = finish(*this, id);
+        EXPECT_TRUE(job["state"] == "cancelled" || job["state"] == "done") << job.dump();
+        if (path[5] == 'r' && job["state"] == "done") files += 2;  // it ended before the cancel
+        EXPECT_EQ(files, private_files().size()) << path << " left files behind";
+    }
+}
+
+json finish(ToolStudio &t, const std::string &id) {
+    for (int i = 0; i < 3000; ++i) {
+        const json job = json::parse(t.call("GET", "/api/jobs/" + id, "", {{"Host", kOwn}}).body);
+        if (job["state"] != "running") return job;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return json::object();
+}
+
+// The status line of a request sent to the studio's socket.
+std::string status_line(int port, const std::string &host) {
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(static_cast<uint16_t>(port));
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) return close(fd), "no connection";
+    const std::string req = "GET /api/state HTTP/1.1\r\nHost: " + host + "\r\nConnection: close\r\n\r\n";
+    if (write(fd, req.data(), req.size()) < 0) return close(fd), "no request";
+    char buf[64] = {};
+    const ssize_t n = read(fd, buf, sizeof buf - 1);
+    close(fd);
+    const std::string got(buf, n > 0 ? size_t(n) : 0);
+    return got.substr(0, got.find('\r'));
+}
+
+// The command: a busy port is one line and exit 2; on a free port it serves the address it
+// prints, refuses a foreign Host there too, and a Ctrl-C ends it with its private folder removed.
+TEST_F(ToolStudio, CommandServesItsAddressAndStopsClean) {
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(0, bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a));
+    ASSERT_EQ(0, listen(fd, 1));
+    socklen_t len = sizeof a;
+    getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
+    const auto busy = tool({"studio", "--port", std::to_string(ntohs(a.sin_port))});
+    close(fd);
+    EXPECT_EQ(2, busy.code);
+    EXPECT_EQ(1, std::count(busy.err.begin(), busy.err.end(), '\n')) << busy.err;
+    EXPECT_NE(std::string::npos, busy.err.find("is busy")) << busy.err;
+
+    fs::create_directory(at("tmp"));
+    std::string cmd = "echo $$; cd '" + dir.string() + "' && TMPDIR='" + at("tmp").string() + "' exec";
+#ifdef SORN_HP_TOOL_EMULATOR
+    cmd += " '" SORN_HP_TOOL_EMULATOR "'";
+#endif
+    cmd += " '" SORN_HP_TOOL "' studio --port 0 2>/dev/null";
+    FILE *p = popen(cmd.c_str(), "r");
+    ASSERT_NE(nullptr, p);
+    char pid[32] = {}, url[64] = {};
+    ASSERT_TRUE(std::fgets(pid, sizeof pid, p) && std::fgets(url, sizeof url, p));
+    const std::string address = url;
+    const int port = std::atoi(address.c_str() + std::strlen("http://127.0.0.1:"));
+    EXPECT_EQ(0u, address.rfind("http://127.0.0.1:", 0)) << address;
+    EXPECT_EQ(1u, std::distance(fs::directory_iterator(at("tmp")), fs::directory_iterator()));
+    EXPECT_EQ("HTTP/1.1 200 OK", status_line(port, "127.0.0.1:" + std::to_string(port)));
+    EXPECT_EQ("HTTP/1.1 403 Forbidden", status_line(port, "attacker.test:" + std::to_string(port)));
+    kill(std::atoi(pid), SIGINT);
+    const int status = pclose(p);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_TRUE(fs::is_empty(at("tmp"))) << "the private folder outlives the studio";
 }
 
 }  // namespace

@@ -89,8 +89,10 @@ bool design_curves(Studio &s, const sorn_hp_params_t &p, const TuningTarget &tar
     curve["max_deviation_db"] = v.max_deviation_db;
     curve["max_deviation_hz"] = v.max_deviation_hz;
     curve["target_rms_db"] = v.target_db.empty() ? json(nullptr) : json(v.target_rms_db);
-    curve["warnings"] = v.warnings;
-    summary.clear();
+    int fine_steps = 0;
+    curve["warnings"] = design_warnings_shown(v, target, fine_steps);
+    curve["fine_steps"] = fine_steps;
+    summary = design_summary(v, "the studio's tuning", &target);
     return true;
 }
 
@@ -325,6 +327,12 @@ std::string studio_shown_name(const std::string &given, const char *fallback) {
     std::string clean;
     for (char c : given.substr(slash == std::string::npos ? 0 : slash + 1))
         if (static_cast<unsigned char>(c) >= 0x20 && c != 0x7f && clean.size() < 80) clean += c;
+    // Names go into JSON, which takes only valid UTF-8: anything else keeps its ASCII alone.
+    try {
+        (void)json(clean).dump();
+    } catch (const json::type_error &) {
+        clean.erase(std::remove_if(clean.begin(), clean.end(), [](char c) { return c & 0x80; }), clean.end());
+    }
     return clean.empty() ? fallback : clean;
 }
 
