@@ -21,6 +21,7 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from studio_session import Browser, Studio, write_wav  # noqa: E402
 
 from selenium.webdriver.common.action_chains import ActionChains  # noqa: E402
+from selenium.webdriver.common.actions.action_builder import ActionBuilder  # noqa: E402
 from selenium.webdriver.common.by import By  # noqa: E402
 from selenium.webdriver.common.keys import Keys  # noqa: E402
 
@@ -92,6 +93,15 @@ class StudioPage(unittest.TestCase):
         self.assertEqual(b.js('return studio.page.plot.data[2]'), curve['requested'])
         for g in ('lc', 'hp', 'ea'):
             self.assertEqual(self.table(g), self.start_tuning[g]['points'])
+        # The readout follows the pointer: over a point it reads that point's frequency.
+        freq = self.start_tuning['hp']['points'][4][0]
+        p = b.js("return studio.markerClientXY('hp', 4)")
+        ab = ActionBuilder(b.driver, duration=0)
+        ab.pointer_action.move_to_location(round(p['x']), round(p['y']))
+        ab.perform()
+        text = b.wait("document.getElementById('readout').textContent.includes('achieved') && "
+                      "document.getElementById('readout').textContent")
+        self.assertAlmostEqual(int(text.split(' Hz')[0]), freq, delta=freq * 0.01)
 
     def test_drag_then_undo_and_redo(self):
         b = self.browser

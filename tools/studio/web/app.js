@@ -391,6 +391,7 @@ function showReadout(u) {
   const fmt = (v) => (v == null ? '–' : `${v >= 0 ? '+' : ''}${v.toFixed(2)} dB`);
   let text = `${Math.round(f)} Hz   achieved ${fmt(c.achieved[i])}   requested ${fmt(c.requested[i])}`;
   if (c.target) text += `   target ${fmt(c.target[i])}   error ${fmt(c.error[i])}`;
+  for (const g of GROUPS) if (c.groups && c.groups[g]) text += `   ${g} ${fmt(c.groups[g][i])}`;
   text += `   (pointer at ${u.posToVal(u.cursor.top, 'y').toFixed(1)} dB)`;
   $('readout').textContent = text;
 }
