@@ -94,15 +94,15 @@ class Studio:
                                               'Content-Type': 'application/json'})
 
     def stop(self):
+        """Stops the studio as Ctrl-C would; returns (exit status, what it wrote to stderr)."""
         if self.proc.poll() is None:
             self.proc.terminate()
-            try:
-                self.proc.wait(timeout=20)
-            except subprocess.TimeoutExpired:
-                self.proc.kill()
-                self.proc.wait()
-        for f in (self.proc.stdout, self.proc.stderr):
-            f.close()
+        try:
+            _, err = self.proc.communicate(timeout=20)
+        except subprocess.TimeoutExpired:
+            self.proc.kill()
+            _, err = self.proc.communicate()
+        return self.proc.returncode, err
 
 
 class Browser:

@@ -51,8 +51,11 @@ class StudioPage(unittest.TestCase):
     @classmethod
     def tearDownClass(cls):
         cls.browser.quit()
-        cls.studio.stop()
+        status, err = cls.studio.stop()
         cls.tmp.cleanup()
+        # A clean stop, and nothing from the sanitizers when the tool is built with them.
+        if status != 0 or 'Sanitizer' in err or 'runtime error' in err:
+            raise AssertionError(f'studio ended with {status}: {err[-2000:]}')
 
     @classmethod
     def state(cls):
