@@ -179,6 +179,7 @@ TEST_F(ToolStudio, ExportsMatchTheCommandLine) {
     t["lc"]["enabled"] = false;
     t["ea"]["points"] = {{900, -3}, {2100, 2}, {4000, 4}};  // resampled to the table's 8, as files are
     ASSERT_EQ(200, call("PUT", "/api/tuning", t.dump()).status);
+    EXPECT_EQ(3u, state()["tuning"]["ea"]["points"].size()) << "the page's table as it sent it";
     const HttpResponse tuning = call("GET", "/api/export/tuning.json");
     const HttpResponse block = call("GET", "/api/export/params.bin");
     ASSERT_EQ(200, tuning.status);
@@ -277,7 +278,11 @@ std::string status_line(int port, const std::string &host) {
 // The command: a busy port is one line and exit 2; on a free port it serves the address it
 // prints, refuses a foreign Host there too, and a Ctrl-C ends it with its private folder removed.
 TEST_F(ToolStudio, CommandServesItsAddressAndStopsClean) {
+    // The port is held as a server that allows sharing would hold it.
     const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    const int yes = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    setsockopt(fd, SOL_SOCKET, SO_REUSEPORT, &yes, sizeof yes);
     sockaddr_in a{};
     a.sin_family = AF_INET;
     a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -285,7 +290,14 @@ TEST_F(ToolStudio, CommandServesItsAddressAndStopsClean) {
     ASSERT_EQ(0, listen(fd, 1));
     socklen_t len = sizeof a;
     getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
-    const auto busy = tool({"studio", "--port", std::to_string(ntohs(a.sin_port))});
+    // A studio that shared the port would serve on: `timeout` ends it, and the check fails.
+    std::string run = "cd '" + dir.string() + "' && timeout 20";
+#ifdef SORN_HP_TOOL_EMULATOR
+    run += " '" SORN_HP_TOOL_EMULATOR "'";
+#endif
+    run += " '" SORN_HP_TOOL "' studio --port " + std::to_string(ntohs(a.sin_port)) + " >.stdout 2>.stderr";
+    const int code = std::system(run.c_str());
+    const sorn_test::ToolResult busy{WIFEXITED(code) ? WEXITSTATUS(code) : -1, "", sorn_test::slurp(at(".stderr"))};
     close(fd);
     EXPECT_EQ(2, busy.code);
     EXPECT_EQ(1, std::count(busy.err.begin(), busy.err.end(), '\n')) << busy.err;

@@ -99,13 +99,22 @@ bool design_curves(Studio &s, const sorn_hp_params_t &p, const TuningTarget &tar
 json limits_json() {
     json points = json::object();
     for (Group g : kGroups) points[group_name(g)] = group_points(g);
+    json devices = json::array();
+    const std::string names = device_names();
+    for (size_t at = 0; at < names.size();) {
+        const size_t comma = std::min(names.find(", ", at), names.size());
+        devices.push_back(names.substr(at, comma - at));
+        at = comma + 2;
+    }
     return {{"freq_min", kEditMinHz},
             {"freq_max", std::min<double>(kMaxPointHz, kStudioRate / 2.0)},
             {"gain_min", -kMaxImportedGainDb},
             {"gain_max", kMaxImportedGainDb},
             {"points", points},
             {"correction_bytes", kCorrectionLimit},
-            {"audio_bytes", kAudioLimit}};
+            {"audio_bytes", kAudioLimit},
+            {"devices", devices},
+            {"formats", {"float", "16", "32"}}};
 }
 
 /* What an edit may not do beyond what any tuning file may not: more points than a table holds,
@@ -146,9 +155,7 @@ std::string edit_problem(const json &doc, const TuningResult &t) {
 }
 
 json state_json(const Studio &s) {
-    json tuning = json::parse(tuning_to_json(s.params, &s.target));
-    if (!s.description.empty()) tuning["description"] = s.description;
-    return {{"revision", s.revision}, {"rate", kStudioRate}, {"tuning", tuning}, {"limits", s.limits},
+    return {{"revision", s.revision}, {"rate", kStudioRate}, {"tuning", s.tuning}, {"limits", s.limits},
             {"curve", s.curve},       {"summary", s.summary}, {"notes", s.notes}};
 }
 
@@ -166,7 +173,7 @@ HttpResponse put_tuning(Studio &s, const std::string &text) {
     if (!design_curves(s, t.params, t.target, curve, summary, error)) return studio_error(500, error);
     s.params = t.params;
     s.target = t.target;
-    s.description = doc.contains("description") ? doc.at("description").get<std::string>() : std::string();
+    s.tuning = doc;
     s.notes = t.notes;
     s.curve = std::move(curve);
     s.summary = std::move(summary);
@@ -288,7 +295,7 @@ HttpResponse route(Studio &s, const HttpRequest &r) {
         if (!get) return studio_error(405, p + " is only read");
         std::lock_guard<std::mutex> lock(s.mutex);
         if (p == "/api/export/tuning.json")
-            return export_file(tuning_to_json(s.params, &s.target), "application/json", "tuning.json");
+            return export_file(s.tuning.dump(2) + "\n", "application/json", "tuning.json");
         const auto bytes = params_to_bytes(s.params);
         return export_file(std::string(bytes.begin(), bytes.end()), "application/octet-stream", "params.bin");
     }
@@ -419,6 +426,7 @@ bool take_start(Studio &s, const sorn_hp_params_t &p, const TuningTarget &target
     }
     s.params = p;
     s.target = target;
+    s.tuning = json::parse(tuning_to_json(p, &target));
     s.summary = summary;
     s.revision = 1;
     return true;

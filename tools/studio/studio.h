@@ -17,7 +17,9 @@
  *
  * An edit is checked whole before anything changes: the tuning reader's rules (the same reader
  * as every command's tuning files) plus the edit limits below; a refused edit leaves the tuning
- * and its revision as they were. Each accepted edit is designed by the loaded library.
+ * and its revision as they were. Each accepted edit is designed by the loaded library. The tuning
+ * is kept as sent, so a table given fewer points than the block holds stays so in the page and in
+ * the exported tuning.json; the block (and params.bin) is what the reader makes of it.
  *
  * Imports and renders run as background jobs with progress and cancel; edits go on meanwhile.
  * A render takes the tuning as it is when it starts.
@@ -96,7 +98,7 @@ struct Studio {
     int64_t revision = 0;
     sorn_hp_params_t params{};
     TuningTarget target;
-    std::string description;
+    nlohmann::json tuning; /* the accepted tuning as sent (tables may hold fewer points than the block) */
     std::vector<std::string> notes; /* what the last accepted edit's reading did, e.g. resampling */
     nlohmann::json curve, limits;
     std::string summary;

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -121,6 +122,12 @@ bool studio_serve(const StudioServeOptions &o, const std::function<void(const st
     pthread_sigmask(SIG_BLOCK, &stop_signals, &old_mask);
 
     httplib::Server svr;
+    // SO_REUSEADDR only: httplib's default adds SO_REUSEPORT, which would let a second studio
+    // share a port that is in use instead of being refused.
+    svr.set_socket_options([](socket_t sock) {
+        int yes = 1;
+        setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    });
     int port = o.port;
     if (port == 0) port = svr.bind_to_any_port("127.0.0.1");
     else if (!svr.bind_to_port("127.0.0.1", port)) port = -1;
