@@ -168,6 +168,14 @@ class StudioPage(unittest.TestCase):
         gain = b.js(f'return {point}[1]')
         over.send_keys(Keys.ARROW_UP)
         b.wait(f"{point}[1] === {gain + 1}")
+        # Removing a point leaves the table one shorter and frees a place for a new one.
+        d.find_element(By.CSS_SELECTOR, '#lc-table tbody tr:nth-child(5) button').click()
+        b.wait("studio.page.state.tuning.lc.points.length === 11")
+        self.assertEqual(len(self.table('lc')), 11)
+        d.find_element(By.ID, 'lc-add').click()
+        b.wait("studio.page.state.tuning.lc.points.length === 12")
+        self.assertEqual(self.table('lc'), self.state()['tuning']['lc']['points'])
+        self.assertTrue(d.find_element(By.ID, 'lc-add').get_attribute('disabled'))
         # A switch is an edit like any other, and undo takes it back.
         d.find_element(By.ID, 'hp-enabled').click()
         b.wait("studio.page.state.tuning.hp.enabled === false")

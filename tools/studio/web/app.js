@@ -10,9 +10,6 @@ const FREQ_RANGE = [20, 24000];
 const HIT_RADIUS = 10;           // CSS pixels around a marker that grab it
 const POLL_MS = 120;             // how often a running job is asked for its progress
 const HISTORY_KEY = 'sorn-hp-studio-history';
-const FALLBACK_DEVICES = ['wired-headphone', 'wired-headset', 'bt-a2dp', 'bt-a2dp-headphones',
-  'usb-headset', 'ble-headset', 'speaker'];
-const FALLBACK_FORMATS = ['float', '16', '32'];
 
 const $ = (id) => document.getElementById(id);
 const clone = (v) => JSON.parse(JSON.stringify(v));
@@ -1011,8 +1008,8 @@ async function start() {
     page.state = s;
     buildTables();
     applyState(s);
-    fillSelect($('device'), s.devices || FALLBACK_DEVICES, 'wired-headphone');
-    fillSelect($('format'), s.formats || FALLBACK_FORMATS, 'float');
+    fillSelect($('device'), s.limits.devices || ['wired-headphone'], 'wired-headphone');
+    fillSelect($('format'), s.limits.formats || ['float'], 'float');
     updateHistoryButtons();
     status(withNotes(`ready: revision ${s.revision}, designed at ${s.rate} Hz`));
   } catch (e) {
