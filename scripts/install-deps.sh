@@ -9,6 +9,7 @@ packages=(
   build-essential clang cmake ninja-build pkg-config
   android-liblog-dev android-libbase-dev
   libkissfft-dev libfftw3-dev
+  chromium chromium-driver python3-selenium
   libgtest-dev libgmock-dev libbenchmark-dev
   libsndfile1-dev libsoxr-dev nlohmann-json3-dev libcli11-dev gnuplot-nox libxml2-utils time
   libcpp-httplib-dev
