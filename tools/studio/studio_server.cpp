@@ -128,6 +128,9 @@ bool studio_serve(const StudioServeOptions &o, const std::function<void(const st
         int yes = 1;
         setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
     });
+    // Answers go out at once: with Nagle's algorithm a kept-alive answer waits about 40 ms for
+    // the browser's delayed acknowledgement, which a drag would feel.
+    svr.set_tcp_nodelay(true);
     int port = o.port;
     if (port == 0) port = svr.bind_to_any_port("127.0.0.1");
     else if (!svr.bind_to_port("127.0.0.1", port)) port = -1;
@@ -168,7 +171,7 @@ bool studio_serve(const StudioServeOptions &o, const std::function<void(const st
     svr.Delete(".*", with_body);
     svr.set_error_handler([](const httplib::Request &, httplib::Response &res) {
         if (res.body.empty())
-            res.set_content(std::string("{\"error\": \"HTTP ") + std::to_string(res.status) + "\"}", "application/json");
+            res.set_content(std::string("{\"error\": \"HTTP ") + std::to_string(res.status) + "\"}", "application/json; charset=utf-8");
     });
 
     std::atomic<bool> done{false};
